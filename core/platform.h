@@ -1,0 +1,67 @@
+/*
+ * platform.h - every operating-system primitive the library uses, in one
+ * place: the recursive lock, anonymous pipes, threads, sleep and the
+ * path of the library's own module file.
+ *
+ * Functions return 0 on success and -1 on failure with errno set, unless
+ * stated otherwise.
+ */
+#ifndef VOXELUNE_CORE_PLATFORM_H
+#define VOXELUNE_CORE_PLATFORM_H
+
+#include <atomic>
+#include <cstddef>
+#include <mutex>
+#include <thread>
+
+/*
+ * A recursive lock that knows its recursion count.  The owner is kept in
+ * an atomic so that a thread can tell, without taking the mutex, whether
+ * it is the holder.
+ */
+struct Plat_Rlock {
+    std::mutex mutex;
+    std::atomic<std::thread::id> owner{};
+    unsigned count = 0;   /* written only by the owner */
+};
+
+void Plat_Rlock_Enter(Plat_Rlock* lock);
+/* Leaves the lock if the calling thread holds it; returns 0, else -1. */
+int Plat_Rlock_Leave(Plat_Rlock* lock);
+/* The recursion count as the calling thread sees it: 0 unless it holds the lock. */
+unsigned Plat_Rlock_Count(Plat_Rlock* lock);
+
+/* Anonymous pipe: fds[0] reads, fds[1] writes.  size is a request only. */
+int Plat_Pipe(int fds[2], unsigned size);
+/* Marks the write end so that a write to a full pipe fails instead of blocking. */
+int Plat_Pipe_Nonblocking_Write(int fd);
+/* Blocking read; returns the count read, 0 at end of file, -1 on error. */
+int Plat_Read(int fd, void* buf, unsigned size);
+/* Returns the count written, or -1. */
+int Plat_Write(int fd, const void* buf, unsigned size);
+int Plat_Close(int fd);
+/* 1 when bytes (or end of file) wait to be read, 0 when a read would block. */
+int Plat_Bytes_Waiting(int fd);
+
+/* A thread whose function returns an exit code. */
+struct Plat_Thread {
+    void* handle = nullptr;
+};
+typedef unsigned (*Plat_Thread_Fn)(void* arg);
+int Plat_Thread_Start(Plat_Thread* thread, Plat_Thread_Fn fn, void* arg);
+/* Waits for the thread; returns its exit code.  A thread never started returns 0. */
+unsigned Plat_Thread_Join(Plat_Thread* thread);
+
+void Plat_Sleep(unsigned ms);
+
+/* Full path of the module that holds this code; returns its length, 0 on failure. */
+size_t Plat_Module_Path(char* buf, size_t size);
+
+/*
+ * Fault injection for tests: the n-th next call (counting from 1) of
+ * Plat_Pipe or Plat_Thread_Start fails with EMFILE / EAGAIN.  0 disables.
+ */
+extern std::atomic<int> Plat_Fail_Pipe_At;
+extern std::atomic<int> Plat_Fail_Thread_At;
+
+#endif

@@ -1,0 +1,83 @@
+/*
+ * ray_state.cpp - definitions of the global state, the library lock with
+ * its traced enter and leave, and the Phong table rule.
+ */
+#include "ray_state.h"
+
+#include <cmath>
+
+Ray_Params_Table Ray_Params;
+Ray_Volume_Table Ray_Volume;
+
+float* Ray_Cuda_GLI[RAY_SLOTS];
+unsigned char* Ray_Cuda_TAG[RAY_SLOTS];
+float* Ray_Cuda_Grad_A[RAY_SLOTS];
+float* Ray_Cuda_Grad_X[RAY_SLOTS];
+float* Ray_Cuda_Grad_Y[RAY_SLOTS];
+float* Ray_Cuda_Grad_Z[RAY_SLOTS];
+
+unsigned int* Phong_table = nullptr;
+float Phong_exponent = 30.0f;
+int Ray_Thread_Run = 0;
+int Ray_Init_Done = 0;
+
+Plat_Rlock Ray_Critical;
+
+void Ray_Phong_Build(unsigned int* table)
+{
+    for (int i = 0; i < RAY_PHONG_SIZE; i++) {
+        float p = powf(static_cast<float>(i) * 0.0009765625f, Phong_exponent);
+        if (p > 1.0f) p = 1.0f;
+        table[i] = static_cast<unsigned int>(p * 255.0f);
+    }
+}
+
+float Ray_Diagonal(int dim_x, int dim_y, int dim_z)
+{
+    float sum = static_cast<float>(Ray_Mul32(dim_x, dim_x)) + static_cast<float>(Ray_Mul32(dim_y, dim_y)) +
+                static_cast<float>(Ray_Mul32(dim_z, dim_z));
+    return sqrtf(sum);
+}
+
+/*
+ * The lock lines: a marker, "0", four markers, " Ray ", 39 markers, then
+ * the caller's tag in double quotes.  U+25BC on entry, U+25B2 on leave.
+ */
+#define M4(c) c c c c
+#define M39(c) M4(c) M4(c) M4(c) M4(c) M4(c) M4(c) M4(c) M4(c) M4(c) c c c
+static const wchar_t k_line_in[] =
+    L"\u25BC" L"0" M4(L"\u25BC") L" Ray " M39(L"\u25BC") L" \"%hs\"";
+static const wchar_t k_line_out[] =
+    L"\u25B2" L"0" M4(L"\u25B2") L" Ray " M39(L"\u25B2") L" \"%hs\"";
+
+void Critical_Ray_Create()
+{
+    Ray_Trace(RAY_TR_LOCK, ">>> in  Voxelune: Critical_Ray_Create()");
+    /* The mutex itself is static; creating the lock resets its owner. */
+    Ray_Critical.owner.store(std::thread::id());
+    Ray_Critical.count = 0;
+    Ray_Trace(RAY_TR_LOCK, "<<< out Voxelune: Critical_Ray_Create()");
+}
+
+void Critical_Ray_Cleanup()
+{
+    Ray_Trace(RAY_TR_LOCK, ">>> in  Voxelune: Critical_Ray_Cleanup()");
+    Ray_Trace(RAY_TR_LOCK, "<<< out Voxelune: Critical_Ray_Cleanup()");
+}
+
+void Critical_Ray_In(const char* who)
+{
+    Plat_Rlock_Enter(&Ray_Critical);
+    Ray_Trace(RAY_TR_LOCK, k_line_in, who);
+}
+
+void Critical_Ray_Out(const char* who)
+{
+    if (Plat_Rlock_Count(&Ray_Critical) > 0) {
+        Ray_Trace(RAY_TR_LOCK, k_line_out, who);
+        Plat_Rlock_Leave(&Ray_Critical);
+    } else {
+        Ray_Trace(RAY_TR_LOCK, "ERROR: called Critical_Ray_Out(%hs) while not in a critical section!",
+                  who ? who : "---");
+    }
+}

@@ -1,0 +1,46 @@
+#include "support.h"
+
+Trace_Capture::Trace_Capture() { Corekit_Set_Trace_Sink(&Trace_Capture::sink, this); }
+
+Trace_Capture::~Trace_Capture() { Corekit_Set_Trace_Sink(nullptr, nullptr); }
+
+void Trace_Capture::sink(unsigned int flags, const char* line, void* context)
+{
+    Trace_Capture* self = static_cast<Trace_Capture*>(context);
+    std::lock_guard<std::mutex> guard(self->lock_);
+    self->lines_.push_back({flags, line});
+}
+
+std::vector<Trace_Capture::Line> Trace_Capture::lines() const
+{
+    std::lock_guard<std::mutex> guard(lock_);
+    return lines_;
+}
+
+std::vector<std::string> Trace_Capture::texts() const
+{
+    std::vector<std::string> out;
+    for (const Line& l : lines()) out.push_back(l.text);
+    return out;
+}
+
+size_t Trace_Capture::count(const std::string& needle) const
+{
+    size_t n = 0;
+    for (const Line& l : lines())
+        if (l.text.find(needle) != std::string::npos) n++;
+    return n;
+}
+
+bool Trace_Capture::has(const std::string& text) const
+{
+    for (const Line& l : lines())
+        if (l.text == text) return true;
+    return false;
+}
+
+void Trace_Capture::clear()
+{
+    std::lock_guard<std::mutex> guard(lock_);
+    lines_.clear();
+}

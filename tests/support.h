@@ -1,0 +1,36 @@
+/*
+ * support.h - helpers shared by the tests: a trace sink that
+ * collects lines, and a few small volumes.
+ */
+#ifndef VOXELUNE_TESTS_SUPPORT_H
+#define VOXELUNE_TESTS_SUPPORT_H
+
+#include <corekit/corekit.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+/* Collects every trace line while it lives; uninstalls itself on destruction. */
+class Trace_Capture {
+public:
+    struct Line {
+        unsigned int flags;
+        std::string text;
+    };
+    Trace_Capture();
+    ~Trace_Capture();
+    std::vector<Line> lines() const;
+    std::vector<std::string> texts() const;
+    /* Lines whose text contains needle. */
+    size_t count(const std::string& needle) const;
+    bool has(const std::string& text) const;   /* an exact line */
+    void clear();
+
+private:
+    static void sink(unsigned int flags, const char* line, void* context);
+    mutable std::mutex lock_;
+    std::vector<Line> lines_;
+};
+
+#endif

@@ -1,0 +1,3 @@
+#include <gtest/gtest.h>
+#include <voxelune/voxelune.h>
+TEST(Smoke, Version) { EXPECT_NE(Get_Version_Ray(nullptr), nullptr); }
