@@ -73,6 +73,8 @@ extern float* Ray_Cuda_Grad_A[RAY_SLOTS];
 extern float* Ray_Cuda_Grad_X[RAY_SLOTS];
 extern float* Ray_Cuda_Grad_Y[RAY_SLOTS];
 extern float* Ray_Cuda_Grad_Z[RAY_SLOTS];
+/* Releases each of the slot's device buffers that is set, unchecked. */
+void Ray_Free_Device_Buffers(int s);
 
 /* vol_flag bits */
 #define RAY_VF_LOW_X 0x10u
