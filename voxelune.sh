@@ -1,0 +1,112 @@
+#!/usr/bin/env bash
+# Voxelune's commands.  Each one installs what is missing, configures and
+# builds before it does its job, so it works on a fresh Debian machine.
+#
+#   ./voxelune.sh render [options]  render the built-in phantom (or a volume) to voxelune.png
+#   ./voxelune.sh test              build and run every test: optimised (with CUDA when nvcc
+#                                   is there), ASan+UBSan, ThreadSanitizer for the threaded
+#                                   tests, and a host project against the installed package
+#   ./voxelune.sh bench             build and run the benchmarks (optimised)
+set -euo pipefail
+cd "$(dirname "$0")"
+root=$(pwd)
+jobs=$(nproc)
+
+need_packages() {
+    local pkgs=(cmake ninja-build g++ pkg-config libgtest-dev libbenchmark-dev
+                libpng-dev zlib1g-dev libnifti-dev libteem-dev)
+    local missing=()
+    for p in "${pkgs[@]}"; do
+        dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
+    done
+    if [ ${#missing[@]} -gt 0 ]; then
+        echo "== installing: ${missing[*]}"
+        local sudo=""
+        [ "$(id -u)" -eq 0 ] || sudo=sudo
+        $sudo apt-get update -qq
+        DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
+    fi
+}
+
+# configure DIR [cmake options...]
+configure() {
+    local dir=$1
+    shift
+    cmake -S "$root" -B "$dir" -G Ninja "$@" >"$dir.configure.log" 2>&1 ||
+        { cat "$dir.configure.log"; return 1; }
+    grep -E "Voxelune: CUDA" "$dir.configure.log" || true
+}
+
+build_release() {
+    mkdir -p build
+    configure build/release -DCMAKE_BUILD_TYPE=Release "$@"
+    cmake --build build/release -j "$jobs"
+}
+
+cmd_render() {
+    need_packages
+    build_release -DVOXELUNE_TESTS=OFF
+    # The tool is a host program: build it against the installed package.
+    rm -rf build/prefix
+    cmake --install build/release --prefix build/prefix >/dev/null
+    mkdir -p build/tool
+    cmake -S tools -B build/tool -G Ninja -DCMAKE_BUILD_TYPE=Release \
+          -DCMAKE_PREFIX_PATH="$root/build/prefix" >build/tool.configure.log 2>&1 ||
+        { cat build/tool.configure.log; return 1; }
+    cmake --build build/tool -j "$jobs"
+    build/tool/voxelune-render "$@"
+}
+
+run_ctest() {
+    local dir=$1
+    shift
+    ctest --test-dir "$dir" -j "$jobs" --output-on-failure --timeout 600 "$@"
+}
+
+cmd_test() {
+    need_packages
+    mkdir -p build
+
+    echo "== optimised build"
+    build_release
+    run_ctest build/release
+
+    echo "== host project against the installed package"
+    rm -rf build/prefix build/consumer
+    cmake --install build/release --prefix build/prefix >/dev/null
+    cmake -S tests/consumer -B build/consumer -G Ninja -DCMAKE_PREFIX_PATH="$root/build/prefix" \
+          >build/consumer.configure.log 2>&1 || { cat build/consumer.configure.log; return 1; }
+    cmake --build build/consumer
+    build/consumer/voxelune-consumer
+
+    echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
+    configure build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOXELUNE_CUDA=OFF \
+              -DVOXELUNE_SANITIZE=address,undefined
+    cmake --build build/asan -j "$jobs"
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest build/asan
+
+    echo "== ThreadSanitizer build (threaded tests)"
+    configure build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOXELUNE_CUDA=OFF \
+              -DVOXELUNE_SANITIZE=thread -DVOXELUNE_TOOLS=OFF
+    cmake --build build/tsan -j "$jobs"
+    # ThreadSanitizer needs a fixed memory layout on kernels with large mmap randomisation.
+    TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 setarch "$(uname -m)" -R \
+        ctest --test-dir build/tsan -j "$jobs" --output-on-failure --timeout 900 -L threaded
+}
+
+cmd_bench() {
+    need_packages
+    build_release -DVOXELUNE_BENCH=ON -DVOXELUNE_TESTS=OFF
+    for b in build/release/bench/bench_*; do
+        [ -x "$b" ] || continue
+        echo "== $b"
+        "$b" --benchmark_counters_tabular=true
+    done
+}
+
+case "${1:-}" in
+    render) shift; cmd_render "$@" ;;
+    test) cmd_test ;;
+    bench) cmd_bench ;;
+    *) sed -n '2,10p' "$0"; exit 1 ;;
+esac
