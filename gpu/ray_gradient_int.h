@@ -30,8 +30,10 @@ int Ray_Prep_Use_Gpu(int n, int factor, unsigned int unit);
 
 /*
  * Host result buffers: n floats (at least one, so that an empty volume is
- * not taken for a failure), zeroed.  A failure writes the memory error
- * line with the caller's source line and returns null.
+ * not taken for a failure).  Small buffers are zeroed; large ones (4 MiB
+ * and up) are not, since the paths write every element.  A failure
+ * writes the memory error line with the caller's source line and
+ * returns null.
  */
 float* Ray_Prep_Alloc(int n, int line);
 /* The gradient block and its four buffers; on failure nothing is kept. */

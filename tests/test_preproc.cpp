@@ -239,7 +239,7 @@ TEST_F(Preproc, FastPathBitIdenticalToScalar)
 
 TEST_F(Preproc, PublicOperationsMatchScalarOnLargeVolume)
 {
-    const Dims d = {70, 41, 31};   /* large enough for several threads */
+    const Dims d = {130, 97, 84};   /* several threads, buffers over 4 MiB */
     std::vector<float> v = Random_Volume(d, 99);
     float* mean = Ray_Vol_Filter(d.x, d.y, d.z, v.data());
     ASSERT_NE(mean, nullptr);
