@@ -96,11 +96,12 @@ TEST(VolumeDeathTest, OneByteMoreGoesToTheDevice)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     /* With no device here the first upload fails, which is fatal: that
-       failure shows the registration chose the GPU. */
+       failure shows the registration chose the GPU.  The smoothing and the
+       gradient ask first; they are told there is nothing free. */
     EXPECT_EXIT(
         {
             Corekit_Set_Cuda_Permission(1);
-            Ray_Gpu_Free_Memory_Hook = [] { return uint64_t(21 * 8 + 1048576 + 1); };
+            Ray_Gpu_Free_Memory_Hook = [] { return ++g_hook_calls <= 2 ? uint64_t(0) : uint64_t(21 * 8 + 1048576 + 1); };
             Volume v(2, 2, 2);
             v.reg(2);
         },
