@@ -123,12 +123,13 @@ VOXELUNE_API int Ray_Set_Volume(unsigned short id, int dim_x, int dim_y, int dim
  * box->Graph_Normal when the call returns; on the CPU it refines level by
  * level afterwards and box->Draw() is called after every level.
  * Refused: box null, box->Graph_Normal null, a width or height of 0 or
- * below, a call before Ray_Init.
+ * below, more than 2^31 - 1 pixels, a slot that holds no volume, a call
+ * before Ray_Init.
  */
 VOXELUNE_API int Ray_Start(Boxs* box, unsigned short id);
 
 /* Stops the CPU render of slot id & 31, or of every slot when that is 0.
- * Does nothing before Ray_Init. */
+ * Refused: a call before Ray_Init. */
 VOXELUNE_API int Ray_Stop(unsigned short id);
 
 /* ---- mouse ---- */

@@ -1,0 +1,198 @@
+/*
+ * ray_run.cpp - starting and stopping the library, and frame requests.
+ *
+ * Ray_Init creates the lock, the Phong table and the CPU pipeline;
+ * Ray_Exit stops the pipeline and releases everything the library owns.
+ * Ray_Start binds a display box to a slot, builds the slot's view matrix
+ * and hands the frame to the slot's renderer; Ray_Stop ends CPU renders.
+ */
+#include <voxelune/voxelune.h>
+
+#include <cstdlib>
+
+#include "core/ray_state.h"
+#include "cpu/ray_dispatch.h"
+#include "cpu/ray_dispatch_state.h"
+#include "gpu/cuda_rt.h"
+#include "gpu/ray_cuda.h"
+#include "gpu/ray_gradient.h"
+
+/* Allocation failures of this file name their source as "ray_init". */
+#define RAY_SRC "ray_init"
+
+/* How long Ray_Start waits, in 1 ms steps, for a slot's rays in flight. */
+#define RAY_START_SETTLE_MS 5000
+
+/* ------------------------------------------------------------ start, stop */
+
+int Ray_Init(unsigned short nb_thread)
+{
+    Ray_Trace(RAY_TR_EXPORT, ">>> in  Voxelune: Ray_Init()");
+    if (Ray_Init_Done == 1) return 1;
+    Ray_Init_Done = 1;
+    Critical_Ray_Create();
+
+    unsigned short n = nb_thread;
+    if (n < 1) n = 1;
+    if (n > RAY_MAX_WORKERS) n = RAY_MAX_WORKERS;
+
+    if (!Phong_table) {
+        Phong_table = static_cast<unsigned int*>(malloc(RAY_PHONG_SIZE * sizeof(unsigned int)));
+        if (Phong_table)
+            Ray_Phong_Build(Phong_table);
+        else
+            Ray_Trace(RAY_TR_ALLOC, "line %-4d of %hs \nmemory error in malloc (var=%hs, dim=%dx%d)", __LINE__ - 4,
+                      RAY_SRC, "Phong_table", RAY_PHONG_SIZE, 4);
+    }
+    (void)Ray_CPU_Init(n);
+    Ray_Trace(RAY_TR_EXPORT, "<<< out Voxelune: Ray_Init(done)");
+    return 1;
+}
+
+/* Releases each of a slot's device buffers that is set, in table order. */
+static void release_device_buffers(int s)
+{
+    void* bufs[6] = {Ray_Cuda_GLI[s],    Ray_Cuda_TAG[s],    Ray_Cuda_Grad_A[s],
+                     Ray_Cuda_Grad_X[s], Ray_Cuda_Grad_Y[s], Ray_Cuda_Grad_Z[s]};
+    for (void* b : bufs)
+        if (b) (void)cudaFree(b);
+    Ray_Cuda_GLI[s] = nullptr;
+    Ray_Cuda_TAG[s] = nullptr;
+    Ray_Cuda_Grad_A[s] = Ray_Cuda_Grad_X[s] = Ray_Cuda_Grad_Y[s] = Ray_Cuda_Grad_Z[s] = nullptr;
+}
+
+int Ray_Exit()
+{
+    Ray_Trace(RAY_TR_EXPORT, ">>> in  Voxelune: Ray_Exit()");
+    if (Ray_Init_Done == 0) return 1;
+    Ray_Init_Done = 0;
+
+    /* The pipeline's threads have ended when this returns: nobody reads a slot below. */
+    Ray_CPU_Exit();
+
+    free(Phong_table);
+    Phong_table = nullptr;
+
+    Critical_Ray_In("Vol_Ray_Exit");
+    for (int s = 0; s < RAY_SLOTS; s++) {
+        Ray_Volume.box_w[s] = 0;
+        Ray_Volume.box_h[s] = 0;
+        Ray_Volume.vol_flag[s] = 0;
+        Ray_Volume.gli[s] = nullptr;
+        Ray_Volume.tag[s] = nullptr;
+        if (Ray_Volume.grad[s]) {
+            Ray_Grad_Release(Ray_Volume.grad[s]);
+            Ray_Volume.grad[s] = nullptr;
+        }
+    }
+    Critical_Ray_Out("Vol_Ray_Exit");
+
+    for (int s = 0; s < RAY_SLOTS; s++) release_device_buffers(s);
+
+    Critical_Ray_Cleanup();
+    Ray_Trace(RAY_TR_EXPORT, "<<< out Voxelune: Ray_Exit(done)");
+    return 1;
+}
+
+/* ----------------------------------------------------------------- frames */
+
+/* Why a frame request cannot be taken as it stands, or null. */
+static const char* start_refusal(const Boxs* box, int s)
+{
+    if (!Ray_Init_Done) return "the library is not started (Ray_Init)";
+    if (!box) return "no box";
+    if (!box->Graph_Normal) return "the box has no image buffer";
+    if (box->width <= 0 || box->height <= 0) return "the box has no pixel";
+    if (static_cast<long long>(box->width) * box->height > 0x7FFFFFFFLL) return "the box has too many pixels";
+    if (!Phong_table) return "no Phong table";
+    if (Ray_Volume.use_cuda[s] == 1) {
+        if (!Ray_Cuda_GLI[s] || !Ray_Cuda_TAG[s] || !Ray_Cuda_Grad_A[s] || !Ray_Cuda_Grad_X[s] ||
+            !Ray_Cuda_Grad_Y[s] || !Ray_Cuda_Grad_Z[s])
+            return "the slot holds no volume";
+    } else {
+        float** g = Ray_Volume.grad[s];
+        if (!Ray_Volume.gli[s] || !Ray_Volume.tag[s] || !g || !g[0] || !g[1] || !g[2] || !g[3])
+            return "the slot holds no volume";
+    }
+    return nullptr;
+}
+
+/*
+ * Waits, under the lock and leaving it between looks, until no ray of slot
+ * s is in flight, handing out no further task of the slot meanwhile.  The
+ * rays of a running frame read the slot's matrix and clip box without the
+ * lock; the new binding is written only once they have landed.  The frame
+ * that was running is restarted anyway by the request that follows.
+ */
+static void settle_slot(int s)
+{
+    for (int k = 0; k < RAY_START_SETTLE_MS && Ray_Thread_Flight[s] > 0; k++) {
+        Ray_Thread_Next[s] = -1;
+        Critical_Ray_Out("Ray_Start");
+        Plat_Sleep(1);
+        Critical_Ray_In("Ray_Start");
+    }
+}
+
+/* trunc(float(dim) * fraction), as an int32. */
+static int clip_bound(int dim, float fraction) { return static_cast<int>(static_cast<float>(dim) * fraction); }
+
+int Ray_Start(Boxs* box, unsigned short id)
+{
+    Ray_Trace(RAY_TR_EXPORT, ">>> in  Voxelune: Ray_Start(id=%d)", static_cast<int>(id));
+    int s = Ray_Slot(id);
+    const char* why = start_refusal(box, s);
+    if (why) {
+        Ray_Trace(RAY_TR_ERROR, "ERROR: Ray_Start(id=%d) refused: %hs", static_cast<int>(id), why);
+        return 1;
+    }
+
+    Critical_Ray_In("Ray_Start");
+    settle_slot(s);
+    /* the draw thread reads the box pointer without the lock */
+    __atomic_store_n(&Ray_Volume.box[s], box, __ATOMIC_RELAXED);
+    Ray_Volume.box_w[s] = static_cast<unsigned int>(box->width);
+    Ray_Volume.box_h[s] = static_cast<unsigned int>(box->height);
+
+    int dx = Ray_Volume.dim_x[s], dy = Ray_Volume.dim_y[s], dz = Ray_Volume.dim_z[s];
+    Matrix_4x4& m = Ray_Volume.transfo[s];
+    m = Ray_Params.view_transfo;
+    float h = Ray_Diagonal(dx, dy, dz) * 0.5f;
+    m.scale(h, h, h, combine_after);
+    m.translate(static_cast<float>(dx) * 0.5f, static_cast<float>(dy) * 0.5f, static_cast<float>(dz) * 0.5f,
+                combine_after);
+
+    bool gpu = Ray_Volume.use_cuda[s] == 1;
+    if (!gpu) {
+        /* Written before the lock is left, so that no ray of a request
+         * still queued for this slot reads a half-written box. */
+        int* cb = Ray_Volume.clip_box[s];
+        cb[0] = clip_bound(dx, Ray_Volume.clip_frac_x[s][0]);
+        cb[1] = clip_bound(dx, Ray_Volume.clip_frac_x[s][1]);
+        cb[2] = clip_bound(dy, Ray_Volume.clip_frac_y[s][0]);
+        cb[3] = clip_bound(dy, Ray_Volume.clip_frac_y[s][1]);
+        cb[4] = clip_bound(dz, Ray_Volume.clip_frac_z[s][0]);
+        cb[5] = clip_bound(dz, Ray_Volume.clip_frac_z[s][1]);
+    }
+    Critical_Ray_Out("Ray_Start");
+
+    if (gpu)
+        Ray_GPU_Start(static_cast<unsigned short>(s));
+    else
+        Ray_CPU_Start(static_cast<unsigned short>(s));
+    Ray_Trace(RAY_TR_EXPORT, "<<< out Voxelune: Ray_Start(done)");
+    return 1;
+}
+
+int Ray_Stop(unsigned short id)
+{
+    Ray_Trace(RAY_TR_RENDER, ">>> in  Voxelune: Ray_Stop(id=%d)", static_cast<int>(id));
+    if (!Ray_Init_Done) {
+        Ray_Trace(RAY_TR_ERROR, "ERROR: Ray_Stop(id=%d) refused: the library is not started (Ray_Init)",
+                  static_cast<int>(id));
+        return 1;
+    }
+    Ray_CPU_Stop(static_cast<unsigned short>(Ray_Slot(id)));
+    Ray_Trace(RAY_TR_RENDER, "<<< out Voxelune: Ray_Stop(done)");
+    return 1;
+}
