@@ -1,0 +1,50 @@
+/*
+ * ray_device_pixel.h - one pixel of a GPU frame, as each thread of the
+ * frame kernel renders it.  Written on top of the shared ray core in its
+ * device form; it compiles for the host as well, so a GPU frame can be
+ * reproduced (and tested) pixel by pixel on the CPU.
+ */
+#ifndef VOXELUNE_CORE_RAY_DEVICE_PIXEL_H
+#define VOXELUNE_CORE_RAY_DEVICE_PIXEL_H
+
+#include "ray_core.h"
+
+/*
+ * Pixel i of a w x h frame: m is the slot's view matrix (16 floats),
+ * sc the scene as the device constants hold it, seed the state of the
+ * random generator.  Returns the pixel word; 0 for a ray that misses.
+ */
+VX_HD inline unsigned int Ray_Device_Pixel(int i, unsigned int w, unsigned int h, const float* m,
+                                           const Ray_Scene& sc, unsigned int* seed)
+{
+    int W = static_cast<int>(w), H = static_cast<int>(h);
+    /* The pixel's row and column, held in signed 16 bits. */
+    int r = i / W;
+    short row = static_cast<short>(r);
+    short col = static_cast<short>(i - r * W);
+
+    float r1 = Cuda_Random_Float(seed);
+    float r2 = Cuda_Random_Float(seed);
+    float eye[3], d[3], inv_len;
+    Ray_Pixel_Ray(m, col, row, W, H, r1, r2, eye, d, &inv_len);
+    float dir[3] = {d[0] * inv_len, d[1] * inv_len, d[2] * inv_len};
+
+    const float low[3] = {0.0f, 0.0f, 0.0f};
+    const float high[3] = {static_cast<float>(sc.dim[0]), static_cast<float>(sc.dim[1]),
+                           static_cast<float>(sc.dim[2])};
+    float start[3] = {eye[0], eye[1], eye[2]};
+    float entry = Ray_DDDA_Origin<RAY_GPU>(start, dir, low, high);
+    if (entry >= RAY_MISS) return 0;
+
+    Rays ray = {};
+    Ray_DDDA_Param<RAY_GPU>(&ray, start, dir, low, high);
+    ray.entry = entry;
+    for (int a = 0; a < 3; a++) {
+        ray.org[a] = eye[a];
+        ray.dir[a] = dir[a];
+    }
+    Ray_Run_Always run;
+    return Ray_DDDA_Walk<RAY_GPU>(&ray, sc, run);
+}
+
+#endif
