@@ -185,3 +185,32 @@ TEST(RenderPipeline, TraceSendsLibraryLinesToStandardError)
     EXPECT_NE(std::string::npos, r.err.find(">>> in  Voxelune: Ray_Init()")) << r.err;
     EXPECT_NE(std::string::npos, r.err.find("<<< out Voxelune: Ray_Exit(done)")) << r.err;
 }
+
+TEST(RenderPipeline, WithoutJitterTwoRunsGiveTheSameImage)
+{
+    Scratch_Dir dir;
+    ASSERT_EQ(0, Run_Tool(small({"--size", "40", "-o", "a.png"}), dir.path).status);
+    ASSERT_EQ(0, Run_Tool(small({"--size", "40", "-o", "b.png", "--workers", "1"}), dir.path).status);
+    EXPECT_EQ(decode(dir / "a.png").rgb, decode(dir / "b.png").rgb);
+}
+
+TEST(RenderPipeline, AFrameThatMissesItsTimeoutFailsWithoutAnImage)
+{
+    Scratch_Dir dir;
+    Tool_Result r = Run_Tool({"--phantom-size", "64", "--size", "1024", "--workers", "1",
+                              "--timeout", "0.001"}, dir.path);
+    EXPECT_EQ(1, r.status) << r.err;
+    EXPECT_NE(std::string::npos, r.err.find("did not finish")) << r.err;
+    EXPECT_TRUE(List_Dir(dir.path).empty());
+}
+
+TEST(RenderPipeline, GpuRequestRendersOnTheDeviceOrWarnsAndFallsBack)
+{
+    Scratch_Dir dir;
+    Tool_Result r = Run_Tool(small({"--size", "32", "--gpu"}), dir.path);
+    ASSERT_EQ(0, r.status) << r.err;
+    bool on_gpu = r.err.find("rendered on the GPU") != std::string::npos;
+    bool warned = r.err.find("rendering on the CPU") != std::string::npos;
+    EXPECT_NE(on_gpu, warned) << r.err;
+    EXPECT_EQ(32, decode(dir / "voxelune.png").width);
+}
