@@ -170,6 +170,9 @@ TEST(RenderOptions, NumbersOutOfRangeAreRefused)
     refused({"--workers", "65"});
     EXPECT_EQ(64, accepted({"--workers", "64"}).workers);
     refused({"--turntable", "0"});
+    refused({"--zoom", "0"});
+    refused({"--zoom", "11"});
+    EXPECT_EQ(2.5f, accepted({"--zoom", "2.5"}).zoom);
     refused({"--threshold", "nan"});
     refused({"--threshold", "1e39"});
     refused({"--threshold", "0.5x"});
@@ -196,7 +199,7 @@ TEST(RenderOptions, HelpDocumentsEveryOption)
     for (const char* name :
          {"--input", "--raw", "--endian", "--offset", "--tags", "--tag-type", "--window",
           "--phantom-size", "--output", "--size", "--background", "--progressive", "--view",
-          "--turntable", "--threshold", "--scheme", "--tag-color", "--map", "--light",
+          "--turntable", "--zoom", "--threshold", "--scheme", "--tag-color", "--map", "--light",
           "--clip-box", "--depth-clip", "--no-jitter", "--workers", "--cpu", "--gpu",
           "--timeout", "--timing", "--trace", "--quiet", "--help"})
         EXPECT_NE(std::string::npos, help.find(name)) << name;
