@@ -397,13 +397,39 @@ VX_HD inline void Ray_Interp_Setup(Ray_Stencil* st, const float* pos, const int*
     Ray_Interp_Axis<F>(pos[0], x, st->wx);
     Ray_Interp_Axis<F>(pos[1], y, st->wy);
     Ray_Interp_Axis<F>(pos[2], z, st->wz);
+    /* Bit i of each mask: neighbour i of that axis lies in [0, dimension). */
+    unsigned int mx = (x[0] >= 0 && x[0] < dim[0]) | (x[1] >= 0 && x[1] < dim[0]) << 1;
+    unsigned int my = (y[0] >= 0 && y[0] < dim[1]) | (y[1] >= 0 && y[1] < dim[1]) << 1;
+    unsigned int mz = (z[0] >= 0 && z[0] < dim[2]) | (z[1] >= 0 && z[1] < dim[2]) << 1;
+    unsigned int rows = 0; /* bit 2z+y: row (y, z) lies inside */
+    for (int c = 0; c < 4; c++)
+        if (((my >> (c & 1)) & 1) && ((mz >> (c >> 1)) & 1)) rows |= 1u << c;
     st->valid = 0;
-    for (int c = 0; c < 8; c++) {
-        int cx = x[c & 1], cy = y[(c >> 1) & 1], cz = z[c >> 2];
-        bool in = cx >= 0 && cx < dim[0] && cy >= 0 && cy < dim[1] && cz >= 0 && cz < dim[2];
-        st->index[c] = in ? Ray_Voxel_Index(dim, cx, cy, cz) : 0;
-        if (in) st->valid |= 1u << c;
-    }
+    for (int c = 0; c < 4; c++)
+        if ((rows >> c) & 1) st->valid |= mx << (2 * c);
+    /*
+     * The high neighbour is always the low one plus 1: the low corner's
+     * element and the steps of one row and one slice give all eight, in
+     * wrapping 32-bit arithmetic; only the valid corners are ever read.
+     */
+    unsigned int dy = static_cast<unsigned int>(dim[0]);
+    unsigned int dz = static_cast<unsigned int>(dim[0]) * static_cast<unsigned int>(dim[1]);
+    unsigned int base = static_cast<unsigned int>(Ray_Voxel_Index(dim, x[0], y[0], z[0]));
+    for (int c = 0; c < 8; c++)
+        st->index[c] = static_cast<int>(base + static_cast<unsigned int>(c & 1) + ((c & 2) ? dy : 0u) +
+                                        ((c & 4) ? dz : 0u));
+}
+
+/* One corner's share added to the sum, in the form's arithmetic. */
+template <int F>
+VX_HD inline void Ray_Interp_Add(float& sum, float v, float wx, float wy, float wz)
+{
+    if (v != v) return;
+    float p = v * wx * wy;
+    if constexpr (F == RAY_CPU)
+        sum += p * wz;
+    else
+        sum = fmaf(p, wz, sum);
 }
 
 /*
@@ -415,15 +441,16 @@ template <int F>
 VX_HD inline float Ray_Interp_Apply(const Ray_Stencil* st, const float* data)
 {
     float sum = 0.0f;
+    if (st->valid == 0xFFu) {
+        /* Away from the faces, the common case: no corner to skip. */
+        float v[8];
+        for (int c = 0; c < 8; c++) v[c] = data[st->index[c]];
+        for (int c = 0; c < 8; c++) Ray_Interp_Add<F>(sum, v[c], st->wx[c & 1], st->wy[(c >> 1) & 1], st->wz[c >> 2]);
+        return sum;
+    }
     for (int c = 0; c < 8; c++) {
         if (!(st->valid & (1u << c))) continue;
-        float v = data[st->index[c]];
-        if (v != v) continue;
-        float p = v * st->wx[c & 1] * st->wy[(c >> 1) & 1];
-        if constexpr (F == RAY_CPU)
-            sum += p * st->wz[c >> 2];
-        else
-            sum = fmaf(p, st->wz[c >> 2], sum);
+        Ray_Interp_Add<F>(sum, data[st->index[c]], st->wx[c & 1], st->wy[(c >> 1) & 1], st->wz[c >> 2]);
     }
     return sum;
 }

@@ -230,6 +230,10 @@ TEST(RaySetup, HomogeneousDivision)
     EXPECT_EQ(p[0], 3.0f);
     EXPECT_EQ(p[1], 3.0f);
     EXPECT_EQ(p[2], 3.0f);
+    /* A NaN w' is "not 1": the point becomes NaN. */
+    const float n[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, NAN};
+    Ray_Map_Point(n, 1.0f, 1.0f, 1.0f, p);
+    EXPECT_TRUE(std::isnan(p[0]));
 }
 
 /* ------------------------------------------------------ entry into volume */
@@ -378,6 +382,12 @@ TEST(RayParam, ObliqueAxes)
     EXPECT_EQ(r.t_delta[1], 12500);
     EXPECT_EQ(r.t_max[1], 9375);
     EXPECT_EQ(r.t_end[1], static_cast<int>(-7.75f * (10000.0f / -0.8f)) - 6250);
+
+    /* The distance to the next boundary is formed in double: 1 - 1e-8 is not 1. */
+    const float q[3] = {2.25f, 1e-8f, 3.0f};
+    const float e[3] = {0.6f, 0.8f, 0.0f};
+    Ray_DDDA_Param<RAY_CPU>(&r, q, e, k_low, k_ten);
+    EXPECT_EQ(r.t_max[1], 12499);
 }
 
 /* ------------------------------------------------------------ interpolation */
@@ -390,6 +400,13 @@ TEST(RayInterp, BorderLosesOutsideWeight)
     float want = v[(5 * 10 + 5) * 10 + 0] * (0.2f + 0.5f);
     EXPECT_EQ(Ray_Interpolate_Linear<RAY_CPU>(p, 10, 10, 10, v.data()), want);
     EXPECT_EQ(Ray_Interpolate_Linear<RAY_GPU>(p, 10, 10, 10, v.data()), want);
+
+    /* At a fraction of exactly 0.5 the neighbours are n (weight 1) and n + 1 (weight 0). */
+    const float c[3] = {1.5f, 5.5f, 5.5f};
+    EXPECT_EQ(Ray_Interpolate_Linear<RAY_CPU>(c, 10, 10, 10, v.data()), v[(5 * 10 + 5) * 10 + 1]);
+    v[(5 * 10 + 5) * 10 + 2] = INFINITY; /* counts, with weight 0: inf x 0 */
+    EXPECT_TRUE(std::isnan(Ray_Interpolate_Linear<RAY_CPU>(c, 10, 10, 10, v.data())));
+    EXPECT_TRUE(std::isnan(Ray_Interpolate_Linear<RAY_GPU>(c, 10, 10, 10, v.data())));
 }
 
 TEST(RayInterp, NanCornerIsSkipped)
@@ -532,7 +549,19 @@ TEST_F(Shade_Fixture, HighlightTakesLightColourBehindSurface)
     r.dir[0] = 0.0f;
     r.dir[2] = 1.0f;
     /* n = (0, 0, -0.01): d = -0.01, R = (0, 0, -1 + 0.0002), e ~ 0.9998 */
-    EXPECT_EQ(shade(0xFF0000u, 0, 0, -0.01f), (g.phong[1023] * 0xFFu) >> 8);
+    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, -0.01f), (g.phong[1023] * 0xFFu) >> 8);
+}
+
+TEST_F(Shade_Fixture, DiffuseAndHighlightTogether)
+{
+    g.light_color[0] = 0;
+    /* n = (0, 0, -1), L = (0, -0.6, 0.8): d = 0.8, R = (0, -0.6, -0.8). */
+    light(1, 0xFFFFFFu, 0.0f, -0.6f, 0.8f);
+    r.dir[1] = 0.28f; /* e = 0.168 + 0.768 = 0.936: index 958 */
+    r.dir[2] = 0.96f;
+    unsigned int k = 202u + ((g.phong[958] * 255u) >> 8); /* (255 * 255 * 204) >> 16 = 202 */
+    ASSERT_GT(g.phong[958], 0u);
+    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, -1), k << 16 | k << 8 | k);
 }
 
 TEST_F(Shade_Fixture, LightsBeyondFiveAreNotRead)
@@ -760,6 +789,13 @@ TEST(RayWalk, DepthClip)
     Rays u = g.ray<RAY_CPU>(0.03125f, 5.5f, 5.5f, 1, 0, 0);
     walk<RAY_CPU>(g, u);
     EXPECT_EQ(u.trans, (1.0f - w) * (1.0f - w));
+    /* A segment starting exactly at the clip distance is drawn. */
+    g.sc.clip = 9687.0f * RAY_DDA_TO_LEN;
+    Rays e = g.ray<RAY_CPU>(0.03125f, 5.5f, 5.5f, 1, 0, 0);
+    Recorder two;
+    two.stop_at = 3; /* the first two samples only */
+    walk<RAY_CPU>(g, e, &two);
+    EXPECT_EQ(e.trans, 1.0f - w);
 }
 
 TEST(RayWalk, MissingBuffersGiveZeroAtFirstSample)
@@ -876,6 +912,16 @@ TEST_F(Overlay_Fixture, EdgeOfTwoPlanesIsOpaqueAndWalkGoesOn)
     EXPECT_EQ(rec2.vox[2], (std::array<int, 3>{11, 11, 5}));
 }
 
+TEST_F(Overlay_Fixture, EdgeOnTheBorderIsHalfWhite)
+{
+    /* The edge of two planes at z = 0: flags 0x432, not exactly 0x030. */
+    planes(0x80u | 0x10u | 0x20u, 10, 0, 10, 0, 0, 0);
+    Rays r = g.ray<RAY_CPU>(9.5f, 10.5f, 0.5f, 1, 0, 0);
+    Recorder rec;
+    rec.stop_at = 2;
+    EXPECT_EQ(walk<RAY_CPU>(g, r, &rec), 0x7F7F7F7Fu);
+}
+
 TEST_F(Overlay_Fixture, ClippedSamplesAddNothing)
 {
     /* High x plane at 4: voxels 5.. are clipped, 4 is the plane. */
@@ -898,6 +944,9 @@ TEST_F(Overlay_Fixture, ClippedSamplesAddNothing)
 
 namespace {
 float draw_zero() { return 0.0f; }
+/* Draws 0.25, -0.75, 0.25, ... */
+int g_draws = 0;
+float draw_alternate() { return (g_draws++ & 1) ? -0.75f : 0.25f; }
 
 struct Pixel_Fixture : ::testing::Test {
     Scene_Phantom p;
@@ -930,11 +979,12 @@ TEST_F(Pixel_Fixture, CentreHitsCornersMiss)
 
 TEST_F(Pixel_Fixture, MatchesTheCoreStepByStep)
 {
+    Corekit_Set_Random(&draw_alternate); /* r1 = 0.25 along the row, r2 = -0.75 */
     std::array<float, 16> m = Ray_Volume.transfo[slot].to_float();
     for (int j = 0; j < 48; j += 5)
         for (int i = 0; i < 64; i += 3) {
             float eye[3], d[3], inv;
-            Ray_Pixel_Ray(m.data(), i, j, 64, 48, 0.0f, 0.0f, eye, d, &inv);
+            Ray_Pixel_Ray(m.data(), i, j, 64, 48, 0.25f, -0.75f, eye, d, &inv);
             float dir[3] = {d[0] * inv, d[1] * inv, d[2] * inv};
             const float high[3] = {24, 20, 16};
             float pos[3] = {eye[0], eye[1], eye[2]};
