@@ -7,6 +7,8 @@
 #include <chrono>
 #include <cstring>
 #include <dlfcn.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -25,6 +27,24 @@ static bool injected_failure(std::atomic<int>& at)
     return false;
 }
 
+/* Sleeps while *word holds val (or returns at once if it no longer does). */
+static void futex_wait(std::atomic<unsigned int>* word, unsigned int val)
+{
+    syscall(SYS_futex, reinterpret_cast<unsigned int*>(word), FUTEX_WAIT_PRIVATE, val, nullptr, nullptr, 0);
+}
+
+static void futex_wake_one(std::atomic<unsigned int>* word)
+{
+    syscall(SYS_futex, reinterpret_cast<unsigned int*>(word), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+}
+
+static inline void cpu_relax()
+{
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+}
+
 void Plat_Rlock_Enter(Plat_Rlock* lock)
 {
     std::thread::id self = std::this_thread::get_id();
@@ -32,18 +52,27 @@ void Plat_Rlock_Enter(Plat_Rlock* lock)
         lock->count++;
         return;
     }
-    /*
-     * The lock guards tiny sections taken millions of times a frame (the
-     * voxel walk's run flag): spin a little before sleeping in the kernel,
-     * as a Windows critical section with a spin count does.
-     */
-    bool got = false;
-    for (int k = 0; k < 200 && !(got = lock->mutex.try_lock()); k++) {
-#if defined(__x86_64__) || defined(__i386__)
-        __builtin_ia32_pause();
-#endif
+    unsigned int c = 0;
+    if (!lock->word.compare_exchange_strong(c, 1, std::memory_order_acquire, std::memory_order_relaxed)) {
+        /* Spin on loads while the holder is busy for a moment: the lock
+           guards sections of a few instructions, millions of times a frame. */
+        for (int k = 0; k < 128; k++) {
+            cpu_relax();
+            if (lock->word.load(std::memory_order_relaxed) == 0) {
+                c = 0;
+                if (lock->word.compare_exchange_strong(c, 1, std::memory_order_acquire,
+                                                       std::memory_order_relaxed))
+                    goto taken;
+            }
+        }
+        /* Then sleep: mark the lock as having sleepers and wait for a wake-up. */
+        c = lock->word.exchange(2, std::memory_order_acquire);
+        while (c != 0) {
+            futex_wait(&lock->word, 2);
+            c = lock->word.exchange(2, std::memory_order_acquire);
+        }
     }
-    if (!got) lock->mutex.lock();
+taken:
     lock->owner.store(self, std::memory_order_relaxed);
     lock->count = 1;
 }
@@ -54,7 +83,7 @@ int Plat_Rlock_Leave(Plat_Rlock* lock)
         return -1;
     if (--lock->count == 0) {
         lock->owner.store(std::thread::id(), std::memory_order_relaxed);
-        lock->mutex.unlock();
+        if (lock->word.exchange(0, std::memory_order_release) == 2) futex_wake_one(&lock->word);
     }
     return 0;
 }

@@ -11,18 +11,21 @@
 
 #include <atomic>
 #include <cstddef>
-#include <mutex>
 #include <thread>
 
 /*
- * A recursive lock that knows its recursion count.  The owner is kept in
- * an atomic so that a thread can tell, without taking the mutex, whether
- * it is the holder.
+ * A recursive lock that knows its recursion count.  One word holds the
+ * lock state (0 free, 1 held, 2 held with sleepers); waiters spin on plain
+ * loads for a moment, so that they do not disturb the holder's cache
+ * line, then sleep in the kernel.  The owner is kept in an atomic so that
+ * a thread can tell, without taking the lock, whether it is the holder.
+ * Word, owner and count share one cache line: taking the lock touches one
+ * line only.
  */
-struct Plat_Rlock {
-    std::mutex mutex;
-    std::atomic<std::thread::id> owner{};
+struct alignas(64) Plat_Rlock {
+    std::atomic<unsigned int> word{0};
     unsigned count = 0;   /* written only by the owner */
+    std::atomic<std::thread::id> owner{};
 };
 
 void Plat_Rlock_Enter(Plat_Rlock* lock);

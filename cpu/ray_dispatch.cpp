@@ -68,6 +68,13 @@ static std::atomic<int> draw_alive{0};
 static std::atomic<int> worker_alive[RAY_MAX_WORKERS];
 /* Set by Ray_CPU_Exit: threads stop waiting for room in a pipe. */
 static std::atomic<int> pipeline_closing{0};
+/*
+ * Bytes written to each worker pipe and not yet read: the worker's
+ * non-blocking test between two tasks reads this count instead of asking
+ * the kernel.  Writers add after a write, the worker subtracts after a
+ * read, so a positive count always means bytes wait in the pipe.
+ */
+static std::atomic<int> worker_pending[RAY_MAX_WORKERS];
 
 /* ------------------------------------------------------------ small tools */
 
@@ -124,6 +131,26 @@ static int write_patient(int fd, const void* rec, unsigned n, const std::atomic<
         if (!reader->load() || (stop_on_close && pipeline_closing.load())) return r;
         Plat_Sleep(1);
     }
+}
+
+/*
+ * Writes one byte to worker i's pipe, waiting for room (while the worker
+ * runs) when patient; returns what the write returned, errno kept.
+ */
+static int worker_write(int i, unsigned char byte, bool patient, bool stop_on_close)
+{
+    int fd = Ray_Pipe_Compute[i][1];
+    int r = patient ? write_patient(fd, &byte, 1, &worker_alive[i], stop_on_close) : Plat_Write(fd, &byte, 1);
+    if (r > 0) worker_pending[i].fetch_add(r, std::memory_order_release);
+    return r;
+}
+
+/* Reads worker i's pipe (blocking); the count of bytes read is taken off the pending count. */
+static int worker_read(int i, unsigned char* buf)
+{
+    int n = Plat_Read(Ray_Pipe_Compute[i][0], buf, RAY_READ_SIZE);
+    if (n > 0) worker_pending[i].fetch_sub(n, std::memory_order_relaxed);
+    return n;
 }
 
 /* Makes a pipe whose write end never blocks; -1 on failure, errno kept. */
@@ -335,9 +362,8 @@ static bool ctrl_start(int s, bool* owed)
     Ray_Trace(RAY_TR_RENDER, "-> Ray_Thread_Ctrl(): Start ray id:%d, res:%dx%d", s,
               static_cast<int>(Ray_Volume.box_w[s]), static_cast<int>(Ray_Volume.box_h[s]));
 
-    static const unsigned char start = RAY_BYTE_START;
     for (int i = 0; i < Ray_Thread_Started; i++) {
-        int r = Plat_Write(Ray_Pipe_Compute[i][1], &start, 1);
+        int r = worker_write(i, RAY_BYTE_START, false, false);
         if (r == 1) continue;
         if (r < 0 && errno == EAGAIN)
             owed[i] = true;   /* the pipe is full: written once the lock is left */
@@ -354,11 +380,10 @@ static bool ctrl_start(int s, bool* owed)
  */
 static void ctrl_pay_owed(bool* owed)
 {
-    static const unsigned char start = RAY_BYTE_START;
     for (int i = 0; i < Ray_Thread_Started; i++) {
         if (!owed[i]) continue;
         owed[i] = false;
-        int r = write_patient(Ray_Pipe_Compute[i][1], &start, 1, &worker_alive[i], true);
+        int r = worker_write(i, RAY_BYTE_START, true, true);
         if (r != 1) Ray_Trace(RAY_TR_RENDER, "-> Ray_Thread_Ctrl(): write to pipe failed! (ret=%d)", r);
     }
 }
@@ -456,13 +481,12 @@ static void worker_idle(int i, const char* tag)
  */
 static Ray_Byte_Verdict worker_run(int i, const char* tag, unsigned char* buf)
 {
-    int fd = Ray_Pipe_Compute[i][0];
     unsigned long long bit = 1ull << i;
     Ray_Trace(RAY_TR_RENDER, "-> Ray_Thread_Ray(%d): Start", i);
     for (;;) {
-        /* 1. poll the pipe without blocking */
-        if (Plat_Bytes_Waiting(fd)) {
-            int n = Plat_Read(fd, buf, RAY_READ_SIZE);
+        /* 1. poll the pipe without blocking: are bytes waiting? */
+        if (worker_pending[i].load(std::memory_order_acquire) > 0) {
+            int n = worker_read(i, buf);
             if (n == 0) return RAY_VERDICT_LEAVE;   /* every writer is gone */
             Ray_Byte_Verdict v = Ray_Byte_Working(buf, n);
             if (v == RAY_VERDICT_LEAVE) return v;
@@ -524,10 +548,9 @@ unsigned Ray_Thread_Ray(void* arg)
     char tag[32];
     Ray_Trace(RAY_TR_RENDER, ">>> in  Voxelune: Ray_Thread_Ray(%d)", i);
     snprintf(tag, sizeof tag, "Ray_Thread_Ray[%d]", i);
-    int fd = Ray_Pipe_Compute[i][0];
     for (;;) {
         /* waiting: a blocking read of the worker's own pipe */
-        int n = Plat_Read(fd, buf, sizeof buf);
+        int n = worker_read(i, buf);
         if (n == 0 || (n < 0 && errno == EBADF)) break;   /* nothing can arrive any more */
         if (n < 0) {
             Plat_Sleep(10);   /* a wake-up without command, but never a busy loop */
@@ -631,6 +654,7 @@ int Ray_CPU_Init(unsigned short n)
     }
 
     for (int i = 0; i < n; i++) {
+        worker_pending[i].store(0);
         if (make_pipe(Ray_Pipe_Compute[i]) != 0) {
             report_failure(RAY_TR_EXPORT, __LINE__, k_err_pipe, k_errno_pipe, errno);
             Ray_Trace(RAY_TR_EXPORT, "<<< out Voxelune: Ray_CPU_Init(! pipe)");
@@ -706,8 +730,7 @@ int Ray_CPU_Stop(unsigned short slot)
          * bytes enough to read, and with every counter at -1 it finds no
          * task after its current one whatever those bytes say.
          */
-        static const unsigned char stop = RAY_BYTE_STOP;
-        for (int i = 0; i < Ray_Thread_Started; i++) (void)Plat_Write(Ray_Pipe_Compute[i][1], &stop, 1);
+        for (int i = 0; i < Ray_Thread_Started; i++) (void)worker_write(i, RAY_BYTE_STOP, false, false);
         Critical_Ray_Out("Ray_CPU_Stop");
         Wait_For_Threads();
         Plat_Sleep(100);
@@ -729,7 +752,6 @@ static void close_end(int* fd, int line)
 int Ray_CPU_Exit()
 {
     static const unsigned char leave_rec[4] = {0, 0, 0, 0};
-    static const unsigned char leave = RAY_BYTE_LEAVE;
     Ray_Trace(RAY_TR_RENDER, ">>> in  Voxelune: Ray_CPU_Exit()");
     Ray_CPU_Stop(0xFFFF);
     pipeline_closing.store(1);
@@ -739,8 +761,7 @@ int Ray_CPU_Exit()
         int r = write_patient(Ray_Pipe_Ctrl[1], leave_rec, 4, &ctrl_alive, false);
         if (r < 4) report_short_write(__LINE__ - 1, r < 0 ? errno : EAGAIN);
     }
-    for (int i = 0; i < Ray_Thread_Started; i++)
-        (void)write_patient(Ray_Pipe_Compute[i][1], &leave, 1, &worker_alive[i], false);
+    for (int i = 0; i < Ray_Thread_Started; i++) (void)worker_write(i, RAY_BYTE_LEAVE, true, false);
     if (Ray_Handle_Draw.handle) {
         int r = write_patient(Ray_Pipe_Draw[1], leave_rec, 4, &draw_alive, false);
         if (r < 4) report_short_write(__LINE__ - 1, r < 0 ? errno : EAGAIN);
