@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <cwchar>
 
 #include "core/ray_pixel.h"
@@ -54,6 +55,7 @@ int* Ray_Thread_J[RAY_SLOTS];
 int* Ray_Thread_W[RAY_SLOTS];
 int* Ray_Thread_H[RAY_SLOTS];
 int* Ray_Thread_Seminal_Val[RAY_SLOTS];
+unsigned char* Ray_Thread_Stamp[RAY_SLOTS];
 
 std::atomic<Ray_Pixel_Fn> Ray_Dispatch_Pixel{&Ray_Pixel};
 std::atomic<int> Ray_Dispatch_Fail_Alloc_At{0};
@@ -266,8 +268,10 @@ static void layout_release(int s)
     free(Ray_Thread_W[s]);
     free(Ray_Thread_H[s]);
     free(Ray_Thread_Seminal_Val[s]);
+    free(Ray_Thread_Stamp[s]);
     Ray_Thread_I[s] = Ray_Thread_J[s] = Ray_Thread_W[s] = Ray_Thread_H[s] = nullptr;
     Ray_Thread_Seminal_Val[s] = nullptr;
+    Ray_Thread_Stamp[s] = nullptr;
 }
 
 /* Resizes one task table to n entries; false (table unchanged) on failure. */
@@ -321,6 +325,17 @@ static bool layout_build(int s, int w, int h, int n)
             return false;
         }
         Ray_Layout_Fill(w, h, levels, Ray_Thread_I[s], Ray_Thread_J[s], Ray_Thread_W[s], Ray_Thread_H[s]);
+        /* the level stamps are a refinement: without them blocks are filled whole */
+        void* stamp = realloc(Ray_Thread_Stamp[s], static_cast<size_t>(n));
+        if (stamp) Ray_Thread_Stamp[s] = static_cast<unsigned char*>(stamp);
+        else {
+            free(Ray_Thread_Stamp[s]);
+            Ray_Thread_Stamp[s] = nullptr;
+        }
+    }
+    if (n < 1) {
+        free(Ray_Thread_Stamp[s]);
+        Ray_Thread_Stamp[s] = nullptr;
     }
     Ray_Trace(RAY_TR_RENDER, "-> Ray_Thread_Ctrl(): Dim changed %dx%d", static_cast<int>(Ray_Volume.box_w[s]),
               static_cast<int>(Ray_Volume.box_h[s]));
@@ -359,6 +374,7 @@ static bool ctrl_start(int s, bool* owed)
     Ray_Thread_Run = 1;
     Ray_Thread_Next[s] = n - 1;
     Ray_Thread_Left[s] = n - 1;
+    if (Ray_Thread_Stamp[s] && n > 0) memset(Ray_Thread_Stamp[s], 0xFF, static_cast<size_t>(n));
     Ray_Trace(RAY_TR_RENDER, "-> Ray_Thread_Ctrl(): Start ray id:%d, res:%dx%d", s,
               static_cast<int>(Ray_Volume.box_w[s]), static_cast<int>(Ray_Volume.box_h[s]));
 
@@ -452,7 +468,7 @@ leave:
  * to the box the slot is bound to now: a request with a new box size may
  * have rebound the slot while this block's task was in flight.
  */
-static void block_fill(int s, int x, int y, int w, int h, unsigned int colour)
+static void block_fill(int s, int x, int y, int w, int h, unsigned int colour, int level)
 {
     Boxs* box = Ray_Volume.box[s];
     int bw = static_cast<int>(Ray_Volume.box_w[s]);
@@ -460,10 +476,35 @@ static void block_fill(int s, int x, int y, int w, int h, unsigned int colour)
     if (!box || !box->Graph_Normal || x < 0 || y < 0 || x >= bw || y >= bh) return;
     int x_end = w < bw - x ? x + w : bw;
     int y_end = h < bh - y ? y + h : bh;
+    /*
+     * Each pixel remembers the level that last wrote it in this frame.  A
+     * block of a coarse level whose worker was held up must not cover the
+     * pixels that finer tasks, finished meanwhile, have already written.
+     */
+    unsigned char* stamp = Ray_Thread_Stamp[s];
+    if (Ray_Thread_Dim[s].w != bw || Ray_Thread_Dim[s].h != bh) stamp = nullptr;
     for (int r = y; r < y_end; r++) {
-        unsigned int* row = box->Graph_Normal + static_cast<size_t>(r) * static_cast<size_t>(bw);
-        for (int c = x; c < x_end; c++) row[c] = colour;
+        size_t at = static_cast<size_t>(r) * static_cast<size_t>(bw);
+        unsigned int* row = box->Graph_Normal + at;
+        if (!stamp) {
+            for (int c = x; c < x_end; c++) row[c] = colour;
+            continue;
+        }
+        unsigned char* lv = stamp + at;
+        for (int c = x; c < x_end; c++)
+            if (lv[c] >= level) {
+                row[c] = colour;
+                lv[c] = static_cast<unsigned char>(level);
+            }
     }
+}
+
+/* The refinement level of task t of slot s: the finest level whose threshold t reaches. */
+static int task_level(int s, int t)
+{
+    int k = Ray_Thread_Level_Nb[s] - 1;
+    while (k > 0 && t < Ray_Thread_Seminal_Val[s][k]) k--;
+    return k < 0 ? 0 : k;
 }
 
 /* Clears worker i's busy bit under the lock (a stop byte). */
@@ -513,6 +554,7 @@ static Ray_Byte_Verdict worker_run(int i, const char* tag, unsigned char* buf)
         int y = Ray_Thread_J[s][t];
         int w = Ray_Thread_W[s][t];
         int h = Ray_Thread_H[s][t];
+        int level = task_level(s, t);
         int bw = static_cast<int>(Ray_Volume.box_w[s]);
         int bh = static_cast<int>(Ray_Volume.box_h[s]);
         Ray_Thread_Flight[s]++;
@@ -527,7 +569,7 @@ static Ray_Byte_Verdict worker_run(int i, const char* tag, unsigned char* buf)
         Critical_Ray_In(tag);
         Ray_Thread_Flight[s]--;
         int old = Ray_Thread_Left[s]--;
-        block_fill(s, x, y, w, h, colour);
+        block_fill(s, x, y, w, h, colour, level);
         for (int v = Ray_Thread_Level_Nb[s]; v >= 1 && nb_levels < 32; v--)
             if (old == Ray_Thread_Seminal_Val[s][v - 1]) levels[nb_levels++] = v;
         Critical_Ray_Out(tag);

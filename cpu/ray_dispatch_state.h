@@ -63,6 +63,8 @@ extern int* Ray_Thread_J[RAY_SLOTS];
 extern int* Ray_Thread_W[RAY_SLOTS];
 extern int* Ray_Thread_H[RAY_SLOTS];
 extern int* Ray_Thread_Seminal_Val[RAY_SLOTS];
+/* Per pixel, the finest level that has written it in the current frame. */
+extern unsigned char* Ray_Thread_Stamp[RAY_SLOTS];
 
 /* ---- thread entries ---- */
 

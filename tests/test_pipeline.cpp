@@ -436,6 +436,24 @@ TEST_F(Pipeline, FrameRefinesLevelByLevel)
     EXPECT_EQ(wb.count() + tall.count() + wide.count(), 8);   /* one redraw per level, no more */
 }
 
+/*
+ * A worker held up in a coarse task while the other finishes every finer
+ * one: its block, written last, must not cover the finer pixels.
+ */
+TEST_F(Pipeline, LateCoarseBlockKeepsFinerPixels)
+{
+    ASSERT_EQ(Ray_CPU_Init(2), 1);
+    Watched_Box& wb = box(100, 100);
+    bind(5, wb.box);
+    hold_at = 2400;   /* a 2 x 2 task near the end of the first level */
+    Ray_CPU_Start(5);
+    wait_held();
+    ASSERT_TRUE(eventually([] { return cast_count.load() == 10000; }));
+    release();
+    ASSERT_TRUE(wb.wait_draws(2));
+    EXPECT_TRUE(wb.holds(5, 0));
+}
+
 TEST_F(Pipeline, SeveralSlotsAndRestart)
 {
     ASSERT_EQ(Ray_CPU_Init(4), 1);
