@@ -10,6 +10,7 @@
 
 #include <cstdlib>
 
+#include "core/ray_core.h"
 #include "core/ray_state.h"
 #include "cpu/ray_dispatch.h"
 #include "cpu/ray_dispatch_state.h"
@@ -49,18 +50,6 @@ int Ray_Init(unsigned short nb_thread)
     return 1;
 }
 
-/* Releases each of a slot's device buffers that is set, in table order. */
-static void release_device_buffers(int s)
-{
-    void* bufs[6] = {Ray_Cuda_GLI[s],    Ray_Cuda_TAG[s],    Ray_Cuda_Grad_A[s],
-                     Ray_Cuda_Grad_X[s], Ray_Cuda_Grad_Y[s], Ray_Cuda_Grad_Z[s]};
-    for (void* b : bufs)
-        if (b) (void)cudaFree(b);
-    Ray_Cuda_GLI[s] = nullptr;
-    Ray_Cuda_TAG[s] = nullptr;
-    Ray_Cuda_Grad_A[s] = Ray_Cuda_Grad_X[s] = Ray_Cuda_Grad_Y[s] = Ray_Cuda_Grad_Z[s] = nullptr;
-}
-
 int Ray_Exit()
 {
     Ray_Trace(RAY_TR_EXPORT, ">>> in  Voxelune: Ray_Exit()");
@@ -87,7 +76,7 @@ int Ray_Exit()
     }
     Critical_Ray_Out("Vol_Ray_Exit");
 
-    for (int s = 0; s < RAY_SLOTS; s++) release_device_buffers(s);
+    for (int s = 0; s < RAY_SLOTS; s++) Ray_Free_Device_Buffers(s);
 
     Critical_Ray_Cleanup();
     Ray_Trace(RAY_TR_EXPORT, "<<< out Voxelune: Ray_Exit(done)");
@@ -105,15 +94,11 @@ static const char* start_refusal(const Boxs* box, int s)
     if (box->width <= 0 || box->height <= 0) return "the box has no pixel";
     if (static_cast<long long>(box->width) * box->height > 0x7FFFFFFFLL) return "the box has too many pixels";
     if (!Phong_table) return "no Phong table";
-    if (Ray_Volume.use_cuda[s] == 1) {
-        if (!Ray_Cuda_GLI[s] || !Ray_Cuda_TAG[s] || !Ray_Cuda_Grad_A[s] || !Ray_Cuda_Grad_X[s] ||
-            !Ray_Cuda_Grad_Y[s] || !Ray_Cuda_Grad_Z[s])
-            return "the slot holds no volume";
-    } else {
-        float** g = Ray_Volume.grad[s];
-        if (!Ray_Volume.gli[s] || !Ray_Volume.tag[s] || !g || !g[0] || !g[1] || !g[2] || !g[3])
-            return "the slot holds no volume";
-    }
+    /* The kernel would read the device buffers unchecked; a CPU frame of
+       an empty slot is simply empty (every ray gives 0). */
+    if (Ray_Volume.use_cuda[s] == 1 && (!Ray_Cuda_GLI[s] || !Ray_Cuda_TAG[s] || !Ray_Cuda_Grad_A[s] ||
+                                        !Ray_Cuda_Grad_X[s] || !Ray_Cuda_Grad_Y[s] || !Ray_Cuda_Grad_Z[s]))
+        return "the slot's volume is no longer on the device";
     return nullptr;
 }
 
@@ -134,8 +119,8 @@ static void settle_slot(int s)
     }
 }
 
-/* trunc(float(dim) * fraction), as an int32. */
-static int clip_bound(int dim, float fraction) { return static_cast<int>(static_cast<float>(dim) * fraction); }
+/* trunc(float(dim) * fraction), as an int32 (out of range as the hardware converts it). */
+static int clip_bound(int dim, float fraction) { return Ray_F2I<RAY_CPU>(static_cast<float>(dim) * fraction); }
 
 int Ray_Start(Boxs* box, unsigned short id)
 {

@@ -122,9 +122,10 @@ VOXELUNE_API int Ray_Set_Volume(unsigned short id, int dim_x, int dim_y, int dim
  * Renders slot id & 31 into box.  On the GPU the frame is in
  * box->Graph_Normal when the call returns; on the CPU it refines level by
  * level afterwards and box->Draw() is called after every level.
+ * A slot that holds no volume gives an empty frame (every pixel 0).
  * Refused: box null, box->Graph_Normal null, a width or height of 0 or
- * below, more than 2^31 - 1 pixels, a slot that holds no volume, a call
- * before Ray_Init.
+ * below, more than 2^31 - 1 pixels, a GPU slot whose device buffers were
+ * released (cleared or after Ray_Exit), a call before Ray_Init.
  */
 VOXELUNE_API int Ray_Start(Boxs* box, unsigned short id);
 
