@@ -832,6 +832,33 @@ VX_HD inline unsigned int Ray_DDDA_Walk(Rays* ray, const Ray_Scene& sc, Run& run
            Ray_Pack_Byte(Ray_F2I<F>(T * 255.0f)) << 24;
 }
 
+/* ---------------------------------------------------------- one whole ray */
+
+/*
+ * The ray from eye along the unit direction dir through sc's volume box
+ * (0, 0, 0) - dim: its entry, DDA set-up and walk.  Returns the pixel
+ * word; 0 when the ray misses the volume.
+ */
+template <int F, class Run>
+VX_HD inline unsigned int Ray_Cast(const float* eye, const float* dir, const Ray_Scene& sc, Run& run)
+{
+    const float low[3] = {0.0f, 0.0f, 0.0f};
+    const float high[3] = {static_cast<float>(sc.dim[0]), static_cast<float>(sc.dim[1]),
+                           static_cast<float>(sc.dim[2])};
+    float start[3] = {eye[0], eye[1], eye[2]};
+    float entry = Ray_DDDA_Origin<F>(start, dir, low, high);
+    if (entry >= RAY_MISS) return 0;
+
+    Rays ray = {};
+    Ray_DDDA_Param<F>(&ray, start, dir, low, high);
+    ray.entry = entry;
+    for (int a = 0; a < 3; a++) {
+        ray.org[a] = eye[a];
+        ray.dir[a] = dir[a];
+    }
+    return Ray_DDDA_Walk<F>(&ray, sc, run);
+}
+
 /* ------------------------------------------------ the CPU renderer's forms */
 
 /*

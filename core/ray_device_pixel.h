@@ -29,22 +29,8 @@ VX_HD inline unsigned int Ray_Device_Pixel(int i, unsigned int w, unsigned int h
     Ray_Pixel_Ray(m, col, row, W, H, r1, r2, eye, d, &inv_len);
     float dir[3] = {d[0] * inv_len, d[1] * inv_len, d[2] * inv_len};
 
-    const float low[3] = {0.0f, 0.0f, 0.0f};
-    const float high[3] = {static_cast<float>(sc.dim[0]), static_cast<float>(sc.dim[1]),
-                           static_cast<float>(sc.dim[2])};
-    float start[3] = {eye[0], eye[1], eye[2]};
-    float entry = Ray_DDDA_Origin<RAY_GPU>(start, dir, low, high);
-    if (entry >= RAY_MISS) return 0;
-
-    Rays ray = {};
-    Ray_DDDA_Param<RAY_GPU>(&ray, start, dir, low, high);
-    ray.entry = entry;
-    for (int a = 0; a < 3; a++) {
-        ray.org[a] = eye[a];
-        ray.dir[a] = dir[a];
-    }
     Ray_Run_Always run;
-    return Ray_DDDA_Walk<RAY_GPU>(&ray, sc, run);
+    return Ray_Cast<RAY_GPU>(eye, dir, sc, run);
 }
 
 #endif

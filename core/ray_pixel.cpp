@@ -115,20 +115,9 @@ unsigned int Ray_Pixel(int slot, int i, int j, int W, int H)
     dir *= inv_len;
     const float unit[3] = {dir.x, dir.y, dir.z};
 
-    /* Entry into the box (0, 0, 0) - (dim_x, dim_y, dim_z). */
-    const float low[3] = {0.0f, 0.0f, 0.0f};
-    const float high[3] = {static_cast<float>(Ray_Volume.dim_x[slot]), static_cast<float>(Ray_Volume.dim_y[slot]),
-                           static_cast<float>(Ray_Volume.dim_z[slot])};
-    float start[3] = {eye[0], eye[1], eye[2]};
-    float entry = Ray_DDDA_Origin<RAY_CPU>(start, unit, low, high);
-    if (entry >= RAY_MISS) return 0;
-
-    Rays ray = {};
-    Ray_DDDA_Param<RAY_CPU>(&ray, start, unit, low, high);
-    ray.entry = entry;
-    for (int a = 0; a < 3; a++) {
-        ray.org[a] = eye[a];
-        ray.dir[a] = unit[a];
-    }
-    return Ray_DDDA_Walk(&ray, slot, Ray_Params.threshold, Ray_Volume.clip[slot]);
+    /* Entry, set-up and walk through the slot's volume, threshold and depth clip. */
+    Ray_Scene sc;
+    Ray_Scene_Slot(&sc, slot, Ray_Params.threshold, Ray_Volume.clip[slot]);
+    Ray_Run_Flag run;
+    return Ray_Cast<RAY_CPU>(eye, unit, sc, run);
 }
