@@ -1,5 +1,9 @@
 #include "support.h"
 
+#include <dirent.h>
+
+#include <chrono>
+
 Trace_Capture::Trace_Capture() { Corekit_Set_Trace_Sink(&Trace_Capture::sink, this); }
 
 Trace_Capture::~Trace_Capture() { Corekit_Set_Trace_Sink(nullptr, nullptr); }
@@ -43,4 +47,37 @@ void Trace_Capture::clear()
 {
     std::lock_guard<std::mutex> guard(lock_);
     lines_.clear();
+}
+
+Watched_Box::Watched_Box(int W, int H) : box(W, H)
+{
+    box.draw_context = this;
+    box.draw_handler = [](Boxs*, void* c) {
+        Watched_Box* self = static_cast<Watched_Box*>(c);
+        std::lock_guard<std::mutex> g(self->m);
+        self->draws++;
+        self->cv.notify_all();
+    };
+}
+
+bool Watched_Box::wait_draws(int n)
+{
+    std::unique_lock<std::mutex> g(m);
+    return cv.wait_for(g, std::chrono::seconds(60), [&] { return draws >= n; });
+}
+
+int Watched_Box::count()
+{
+    std::lock_guard<std::mutex> g(m);
+    return draws;
+}
+
+int count_dir(const char* path)
+{
+    int n = 0;
+    DIR* d = opendir(path);
+    if (!d) return -1;
+    while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
+    closedir(d);
+    return n;
 }

@@ -6,7 +6,9 @@
 #define VOXELUNE_TESTS_SUPPORT_H
 
 #include <corekit/corekit.h>
+#include <panelkit/panelkit.h>
 
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -32,5 +34,20 @@ private:
     mutable std::mutex lock_;
     std::vector<Line> lines_;
 };
+
+/* A box that counts its redraws (the library calls Draw on its own thread). */
+struct Watched_Box {
+    Boxs box;
+    std::mutex m;
+    std::condition_variable cv;
+    int draws = 0;
+    Watched_Box(int W, int H);
+    /* Waits up to 60 s for n redraws in all. */
+    bool wait_draws(int n);
+    int count();
+};
+
+/* Entries of a directory such as /proc/self/fd or /proc/self/task. */
+int count_dir(const char* path);
 
 #endif

@@ -21,6 +21,7 @@
 #include "cpu/ray_dispatch.h"
 #include "cpu/ray_dispatch_state.h"
 #include "scene.h"
+#include "support.h"
 
 namespace {
 
@@ -59,15 +60,6 @@ private:
     std::vector<std::pair<unsigned, std::string>> lines_;
 };
 
-int count_dir(const char* path)
-{
-    int n = 0;
-    DIR* d = opendir(path);
-    while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
-    closedir(d);
-    return n;
-}
-
 /* The thread count to come back to; a sanitizer's helper thread starts with the first thread. */
 int task_baseline()
 {
@@ -76,34 +68,6 @@ int task_baseline()
 }
 
 float zero_jitter() { return 0.0f; }
-
-/* A box that counts its redraws. */
-struct Watched_Box {
-    Boxs box;
-    std::mutex m;
-    std::condition_variable cv;
-    int draws = 0;
-    Watched_Box(int W, int H) : box(W, H)
-    {
-        box.draw_context = this;
-        box.draw_handler = [](Boxs*, void* c) {
-            Watched_Box* self = static_cast<Watched_Box*>(c);
-            std::lock_guard<std::mutex> g(self->m);
-            self->draws++;
-            self->cv.notify_all();
-        };
-    }
-    bool wait_draws(int n)
-    {
-        std::unique_lock<std::mutex> g(m);
-        return cv.wait_for(g, std::chrono::seconds(60), [&] { return draws >= n; });
-    }
-    int count()
-    {
-        std::lock_guard<std::mutex> g(m);
-        return draws;
-    }
-};
 
 /* A registered phantom (the library's own gradient block), deterministic rays. */
 Scene_Phantom register_phantom(int slot, int dim)

@@ -21,6 +21,7 @@
 #include "core/ray_pixel.h"
 #include "cpu/ray_dispatch.h"
 #include "cpu/ray_dispatch_state.h"
+#include "support.h"
 
 namespace {
 
@@ -76,14 +77,6 @@ Layout build(int W, int H)
     return l;
 }
 
-int count_dir(const char* path)
-{
-    int n = 0;
-    DIR* d = opendir(path);
-    while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
-    closedir(d);
-    return n;
-}
 
 /* The stand-in ray: its colour names slot and pixel; it can be slowed or held. */
 std::atomic<int> cast_count{0};
@@ -121,66 +114,38 @@ void release()
     hold_cv.notify_all();
 }
 
-/* A box that counts its redraws. */
-struct Watched_Box {
-    Boxs box;
-    std::mutex m;
-    std::condition_variable cv;
-    int draws = 0;
-    Watched_Box(int W, int H) : box(W, H)
-    {
-        box.draw_context = this;
-        box.draw_handler = [](Boxs*, void* c) {
-            Watched_Box* self = static_cast<Watched_Box*>(c);
-            std::lock_guard<std::mutex> g(self->m);
-            self->draws++;
-            self->cv.notify_all();
-        };
-    }
-    bool wait_draws(int n)
-    {
-        std::unique_lock<std::mutex> g(m);
-        return cv.wait_for(g, std::chrono::seconds(60), [&] { return draws >= n; });
-    }
-    int count()
-    {
-        std::lock_guard<std::mutex> g(m);
-        return draws;
-    }
-    /* Every pixel holds the colour of the block origin (x & ~mask, y & ~mask). */
-    /*
-     * Every pixel holds the colour of a block that covers it, at some level.
-     * With several workers this is all a finished frame promises: a worker
-     * held up in a coarse task writes its block after the finer tasks that
-     * others finished meanwhile.
-     */
-    bool covered(int s)
-    {
-        for (int y = 0; y < box.height; y++)
-            for (int x = 0; x < box.width; x++) {
-                unsigned int v = box.Graph_Normal[y * box.width + x];
-                bool ok = false;
-                for (int mask = 0; mask < 64 && !ok; mask = mask * 2 + 1)
-                    ok = v == colour(s, x & ~mask, y & ~mask);
-                if (!ok) {
-                    ADD_FAILURE() << "pixel (" << x << ", " << y << ") holds " << std::hex << v;
-                    return false;
-                }
+/*
+ * Every pixel holds the colour of a block that covers it, at some level.
+ * With several workers this is all a finished frame promises: a worker
+ * held up in a coarse task writes its block after the finer tasks that
+ * others finished meanwhile.
+ */
+bool covered(const Boxs& box, int s)
+{
+    for (int y = 0; y < box.height; y++)
+        for (int x = 0; x < box.width; x++) {
+            unsigned int v = box.Graph_Normal[y * box.width + x];
+            bool ok = false;
+            for (int mask = 0; mask < 64 && !ok; mask = mask * 2 + 1)
+                ok = v == colour(s, x & ~mask, y & ~mask);
+            if (!ok) {
+                ADD_FAILURE() << "pixel (" << x << ", " << y << ") holds " << std::hex << v;
+                return false;
             }
-        return true;
-    }
-    bool holds(int s, int mask)
-    {
-        for (int y = 0; y < box.height; y++)
-            for (int x = 0; x < box.width; x++)
-                if (box.Graph_Normal[y * box.width + x] != colour(s, x & ~mask, y & ~mask)) {
-                    ADD_FAILURE() << "pixel (" << x << ", " << y << ") holds " << std::hex
-                                  << box.Graph_Normal[y * box.width + x];
-                    return false;
-                }
-        return true;
-    }
-};
+        }
+    return true;
+}
+bool holds(const Boxs& box, int s, int mask)
+{
+    for (int y = 0; y < box.height; y++)
+        for (int x = 0; x < box.width; x++)
+            if (box.Graph_Normal[y * box.width + x] != colour(s, x & ~mask, y & ~mask)) {
+                ADD_FAILURE() << "pixel (" << x << ", " << y << ") holds " << std::hex
+                              << box.Graph_Normal[y * box.width + x];
+                return false;
+            }
+    return true;
+}
 
 /* Waits up to 10 s for a condition that another thread brings about. */
 template <class F>
@@ -409,10 +374,10 @@ TEST_F(Pipeline, FrameRefinesLevelByLevel)
     Ray_CPU_Start(5);
     wait_held();
     ASSERT_TRUE(wb.wait_draws(1));
-    EXPECT_TRUE(wb.holds(5, 1));
+    EXPECT_TRUE(holds(wb.box, 5, 1));
     release();
     ASSERT_TRUE(wb.wait_draws(2));
-    EXPECT_TRUE(wb.holds(5, 0));
+    EXPECT_TRUE(holds(wb.box, 5, 0));
     EXPECT_EQ(cast_count.load(), 10000);
     EXPECT_TRUE(trace.has("-> Ray_Thread_Ctrl(): Dim changed 100x100"));
     EXPECT_TRUE(trace.has("-> Ray_Thread_Ctrl(): Start ray id:5, res:100x100"));
@@ -430,7 +395,7 @@ TEST_F(Pipeline, FrameRefinesLevelByLevel)
     bind(5, wide.box);
     Ray_CPU_Start(5);
     ASSERT_TRUE(wide.wait_draws(2));
-    EXPECT_TRUE(wide.holds(5, 0));
+    EXPECT_TRUE(holds(wide.box, 5, 0));
     EXPECT_EQ(trace.count("Dim changed"), 2u);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(wb.count() + tall.count() + wide.count(), 8);   /* one redraw per level, no more */
@@ -451,7 +416,7 @@ TEST_F(Pipeline, LateCoarseBlockKeepsFinerPixels)
     ASSERT_TRUE(eventually([] { return cast_count.load() == 10000; }));
     release();
     ASSERT_TRUE(wb.wait_draws(2));
-    EXPECT_TRUE(wb.holds(5, 0));
+    EXPECT_TRUE(holds(wb.box, 5, 0));
 }
 
 TEST_F(Pipeline, SeveralSlotsAndRestart)
@@ -465,9 +430,9 @@ TEST_F(Pipeline, SeveralSlotsAndRestart)
     ASSERT_TRUE(c.wait_draws(4));
     ASSERT_TRUE(a.wait_draws(4));
     Wait_For_Threads();
-    EXPECT_TRUE(a.covered(1));
-    EXPECT_TRUE(b.covered(2));
-    EXPECT_TRUE(c.covered(31));
+    EXPECT_TRUE(covered(a.box, 1));
+    EXPECT_TRUE(covered(b.box, 2));
+    EXPECT_TRUE(covered(c.box, 31));
 }
 
 TEST_F(Pipeline, StopOneSlotThenAll)
@@ -502,7 +467,7 @@ TEST_F(Pipeline, StopOneSlotThenAll)
     int a0 = a.count();
     Ray_CPU_Start(3);   /* the stopped pipeline renders again */
     ASSERT_TRUE(a.wait_draws(a0 + 3));
-    EXPECT_TRUE(a.covered(3));
+    EXPECT_TRUE(covered(a.box, 3));
 }
 
 /*
@@ -536,7 +501,7 @@ TEST_F(Pipeline, FullWorkerPipeNeverBlocksTheLock)
     Ray_CPU_Start(6);
     ASSERT_TRUE(wb.wait_draws(seen + 2));
     Wait_For_Threads();
-    EXPECT_TRUE(wb.holds(6, 0));
+    EXPECT_TRUE(holds(wb.box, 6, 0));
 }
 
 /* Each failure of Ray_CPU_Init: its lines, and an exit that undoes exactly what was made. */
