@@ -12,6 +12,7 @@
 #include <voxelune/voxelune.h>
 
 #include "core/ray_state.h"
+#include "gpu/cuda_rt.h"
 #include "gpu/ray_cuda_timing.h"
 #include "scene.h"
 
