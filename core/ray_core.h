@@ -212,18 +212,18 @@ VX_HD inline float Ray_Clamp01(float x)
 
 /*
  * Park and Miller's minimal standard generator by Schrage's method, state
- * in *seed; returns a float in (-1, 1].  From state 0 the first step gives
+ * in *state; returns a float in (-1, 1].  From state 0 the first step gives
  * 2147483647, a fixed point, so draws from the initial state are all 1.0.
  */
-VX_HD inline float Cuda_Random_Float(unsigned int* seed)
+VX_HD inline float Cuda_Random_Float(unsigned int* state)
 {
     const unsigned int a = 16807u, m = 2147483647u, n = 1073741823u, q = 127773u, r = 2836u;
-    unsigned int hi = *seed / q;
-    unsigned int lo = *seed % q;
+    unsigned int hi = *state / q;
+    unsigned int lo = *state % q;
     /* a * lo < 2^31 and r * hi < 2^27: both fit in signed 32 bits. */
     int test = static_cast<int>(a * lo) - static_cast<int>(r * hi);
-    *seed = test > 0 ? static_cast<unsigned int>(test) : static_cast<unsigned int>(test) + m;
-    return static_cast<float>(static_cast<double>(*seed) / static_cast<double>(n)) - 1.0f;
+    *state = test > 0 ? static_cast<unsigned int>(test) : static_cast<unsigned int>(test) + m;
+    return static_cast<float>(static_cast<double>(*state) / static_cast<double>(n)) - 1.0f;
 }
 
 /* ------------------------------------------------------- pixel to ray */

@@ -11,11 +11,11 @@
 
 /*
  * Pixel i of a w x h frame: m is the slot's view matrix (16 floats),
- * sc the scene as the device constants hold it, seed the state of the
+ * sc the scene as the device constants hold it, state the state of the
  * random generator.  Returns the pixel word; 0 for a ray that misses.
  */
 VX_HD inline unsigned int Ray_Device_Pixel(int i, unsigned int w, unsigned int h, const float* m,
-                                           const Ray_Scene& sc, unsigned int* seed)
+                                           const Ray_Scene& sc, unsigned int* state)
 {
     int W = static_cast<int>(w), H = static_cast<int>(h);
     /* The pixel's row and column, held in signed 16 bits. */
@@ -23,8 +23,8 @@ VX_HD inline unsigned int Ray_Device_Pixel(int i, unsigned int w, unsigned int h
     short row = static_cast<short>(r);
     short col = static_cast<short>(i - r * W);
 
-    float r1 = Cuda_Random_Float(seed);
-    float r2 = Cuda_Random_Float(seed);
+    float r1 = Cuda_Random_Float(state);
+    float r2 = Cuda_Random_Float(state);
     float eye[3], d[3], inv_len;
     Ray_Pixel_Ray(m, col, row, W, H, r1, r2, eye, d, &inv_len);
     float dir[3] = {d[0] * inv_len, d[1] * inv_len, d[2] * inv_len};

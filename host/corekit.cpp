@@ -137,11 +137,11 @@ static std::string format_line(const CharT* fmt, va_list ap)
         }
         const CharT* start = p++;
         if (*p == '%') { out += '%'; continue; }
-        std::string spec = "%";
+        std::string conv = "%";
         bool left = false;
         while (*p == '-' || *p == '+' || *p == ' ' || *p == '#' || *p == '0') {
             if (*p == '-') left = true;
-            spec += static_cast<char>(*p++);
+            conv += static_cast<char>(*p++);
         }
         int width = -1;
         if (*p == '*') { width = va_arg(ap, int); if (width < 0) { left = true; width = -width; } p++; }
@@ -161,8 +161,8 @@ static std::string format_line(const CharT* fmt, va_list ap)
             else if (*p == 'z') z = true;
             else break;
         }
-        if (width >= 0) spec += std::to_string(width);
-        if (prec >= 0) spec += "." + std::to_string(prec);
+        if (width >= 0) conv += std::to_string(width);
+        if (prec >= 0) conv += "." + std::to_string(prec);
         char buf[512];
         switch (*p) {
         case 'd': case 'i': {
@@ -170,7 +170,7 @@ static std::string format_line(const CharT* fmt, va_list ap)
                           z ? static_cast<long long>(va_arg(ap, ptrdiff_t)) : va_arg(ap, int);
             if (h == 1) v = static_cast<short>(v);
             if (h >= 2) v = static_cast<signed char>(v);
-            std::snprintf(buf, sizeof buf, (spec + "lld").c_str(), v);
+            std::snprintf(buf, sizeof buf, (conv + "lld").c_str(), v);
             out += buf;
             break;
         }
@@ -180,19 +180,19 @@ static std::string format_line(const CharT* fmt, va_list ap)
                                    z ? va_arg(ap, size_t) : va_arg(ap, unsigned int);
             if (h == 1) v = static_cast<unsigned short>(v);
             if (h >= 2) v = static_cast<unsigned char>(v);
-            std::snprintf(buf, sizeof buf, (spec + "ll" + static_cast<char>(*p)).c_str(), v);
+            std::snprintf(buf, sizeof buf, (conv + "ll" + static_cast<char>(*p)).c_str(), v);
             out += buf;
             break;
         }
         case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A': {
             double v = va_arg(ap, double);
-            std::snprintf(buf, sizeof buf, (spec + static_cast<char>(*p)).c_str(), v);
+            std::snprintf(buf, sizeof buf, (conv + static_cast<char>(*p)).c_str(), v);
             out += buf;
             break;
         }
         case 'p': {
             void* v = va_arg(ap, void*);
-            std::snprintf(buf, sizeof buf, (spec + "p").c_str(), v);
+            std::snprintf(buf, sizeof buf, (conv + "p").c_str(), v);
             out += buf;
             break;
         }

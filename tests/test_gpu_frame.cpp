@@ -49,8 +49,8 @@ std::vector<unsigned int> host_device_frame(int s, int w, int h, float** grad)
     Ray_Scene sc = device_scene(s, grad);
     std::array<float, 16> m = Ray_Volume.transfo[s].to_float();
     std::vector<unsigned int> out(static_cast<size_t>(w) * h);
-    unsigned int seed = 0;
-    for (int i = 0; i < w * h; i++) out[i] = Ray_Device_Pixel(i, w, h, m.data(), sc, &seed);
+    unsigned int state = 0;
+    for (int i = 0; i < w * h; i++) out[i] = Ray_Device_Pixel(i, w, h, m.data(), sc, &state);
     return out;
 }
 
@@ -85,16 +85,16 @@ TEST_F(Phantom_Test, DevicePixelMapsIndexToRowAndColumn)
     /* with all draws 1.0 the device form casts the CPU ray of the same pixel */
     Ray_Scene sc = device_scene(3, p.grad);
     std::array<float, 16> m = Ray_Volume.transfo[3].to_float();
-    unsigned int seed = 0;
+    unsigned int state = 0;
     int hits = 0;
     for (int i = 0; i < 35; i++) {
-        unsigned int dev = Ray_Device_Pixel(i, 7, 5, m.data(), sc, &seed);
+        unsigned int dev = Ray_Device_Pixel(i, 7, 5, m.data(), sc, &state);
         unsigned int cpu = Ray_Pixel(3, i % 7, i / 7, 7, 5);
         EXPECT_EQ(dev == 0, cpu == 0) << i;
         if (dev) hits++;
     }
     EXPECT_GT(hits, 0);
-    EXPECT_EQ(seed, 2147483647u);
+    EXPECT_EQ(state, 2147483647u);
 }
 
 TEST_F(Phantom_Test, DeviceFormDiffersFromCpuOnlyByIntegerAccumulation)

@@ -25,9 +25,9 @@ struct Dims {
 };
 
 /* Values of varied sign and magnitude, so that the order of additions shows. */
-std::vector<float> Random_Volume(Dims d, unsigned seed)
+std::vector<float> Random_Volume(Dims d, unsigned salt)
 {
-    std::mt19937 gen(seed);
+    std::mt19937 gen(salt);
     std::uniform_real_distribution<float> mant(-1.0f, 1.0f);
     std::uniform_int_distribution<int> expo(-6, 10);
     std::vector<float> v(d.n());
@@ -202,10 +202,10 @@ TEST_F(Preproc, FastPathBitIdenticalToScalar)
     Ray_Filter_Kern_Build();
     const Dims sizes[] = {{1, 1, 1}, {7, 5, 3}, {33, 17, 9}, {3, 40, 6}, {5, 2, 7},
                           {6, 1, 1}, {2, 9, 11}, {64, 33, 20}};
-    unsigned seed = 1;
+    unsigned salt = 1;
     for (Dims d : sizes) {
         SCOPED_TRACE(testing::Message() << d.x << "x" << d.y << "x" << d.z);
-        std::vector<float> v = Random_Volume(d, seed++);
+        std::vector<float> v = Random_Volume(d, salt++);
         std::vector<float> ref(d.n());
         Ray_Vol_Filter_Scalar(d.x, d.y, d.z, v.data(), ref.data());
         Grad_Set gref(d.n());

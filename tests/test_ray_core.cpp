@@ -173,24 +173,24 @@ TEST(RayConstants, TruncationOutOfRangeDiffersByForm)
 
 TEST(RayRandom, InitialStateGivesOnesForever)
 {
-    unsigned int seed = 0;
+    unsigned int state = 0;
     for (int i = 0; i < 5; i++) {
-        EXPECT_EQ(Cuda_Random_Float(&seed), 1.0f);
-        EXPECT_EQ(seed, 2147483647u);
+        EXPECT_EQ(Cuda_Random_Float(&state), 1.0f);
+        EXPECT_EQ(state, 2147483647u);
     }
 }
 
 TEST(RayRandom, MinimalStandardSequence)
 {
     /* Park and Miller's check value: from 1, the 10000th state is 1043618065. */
-    unsigned int seed = 1;
-    float first = Cuda_Random_Float(&seed);
-    EXPECT_EQ(seed, 16807u);
+    unsigned int state = 1;
+    float first = Cuda_Random_Float(&state);
+    EXPECT_EQ(state, 16807u);
     EXPECT_EQ(first, static_cast<float>(16807.0 / 1073741823.0) - 1.0f);
-    for (int i = 1; i < 10000; i++) Cuda_Random_Float(&seed);
-    EXPECT_EQ(seed, 1043618065u);
+    for (int i = 1; i < 10000; i++) Cuda_Random_Float(&state);
+    EXPECT_EQ(state, 1043618065u);
     for (int i = 0; i < 1000; i++) {
-        float f = Cuda_Random_Float(&seed);
+        float f = Cuda_Random_Float(&state);
         ASSERT_GT(f, -1.0f);
         ASSERT_LE(f, 1.0f);
     }
@@ -426,12 +426,12 @@ TEST(RayInterp, FormsSumInTheirOwnArithmetic)
 {
     /* Reference sums written out corner by corner, z outermost. */
     std::vector<float> v(8 * 8 * 8);
-    unsigned int seed = 7;
-    for (float& x : v) x = Cuda_Random_Float(&seed) * 1000.0f;
+    unsigned int state = 7;
+    for (float& x : v) x = Cuda_Random_Float(&state) * 1000.0f;
     int differ = 0;
     for (int k = 0; k < 2000; k++) {
         float p[3];
-        for (float& c : p) c = (Cuda_Random_Float(&seed) + 1.0f) * 4.0f;
+        for (float& c : p) c = (Cuda_Random_Float(&state) + 1.0f) * 4.0f;
         int lo[3][2];
         float w[3][2];
         for (int a = 0; a < 3; a++) {
