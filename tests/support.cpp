@@ -4,13 +4,17 @@
 
 #include <chrono>
 
-Trace_Capture::Trace_Capture() { Corekit_Set_Trace_Sink(&Trace_Capture::sink, this); }
+Trace_Capture::Trace_Capture(bool with_lock) : with_lock_(with_lock)
+{
+    Corekit_Set_Trace_Sink(&Trace_Capture::sink, this);
+}
 
 Trace_Capture::~Trace_Capture() { Corekit_Set_Trace_Sink(nullptr, nullptr); }
 
 void Trace_Capture::sink(unsigned int flags, const char* line, void* context)
 {
     Trace_Capture* self = static_cast<Trace_Capture*>(context);
+    if (flags == 0x90004006u && !self->with_lock_) return;
     std::lock_guard<std::mutex> guard(self->lock_);
     self->lines_.push_back({flags, line});
 }

@@ -13,14 +13,18 @@
 #include <string>
 #include <vector>
 
-/* Collects every trace line while it lives; uninstalls itself on destruction. */
+/*
+ * Collects the trace lines while it lives; uninstalls itself on
+ * destruction.  Without with_lock the lock's lines are dropped (a frame
+ * takes the lock several times a pixel).
+ */
 class Trace_Capture {
 public:
     struct Line {
         unsigned int flags;
         std::string text;
     };
-    Trace_Capture();
+    explicit Trace_Capture(bool with_lock = true);
     ~Trace_Capture();
     std::vector<Line> lines() const;
     std::vector<std::string> texts() const;
@@ -31,6 +35,7 @@ public:
 
 private:
     static void sink(unsigned int flags, const char* line, void* context);
+    bool with_lock_;
     mutable std::mutex lock_;
     std::vector<Line> lines_;
 };

@@ -25,40 +25,6 @@
 
 namespace {
 
-/* Trace lines with their flags; the lock's lines only when asked for. */
-class Capture {
-public:
-    explicit Capture(bool with_lock = false) : with_lock_(with_lock) { Corekit_Set_Trace_Sink(&sink, this); }
-    ~Capture() { Corekit_Set_Trace_Sink(nullptr, nullptr); }
-    std::vector<std::pair<unsigned, std::string>> lines()
-    {
-        std::lock_guard<std::mutex> g(m_);
-        return lines_;
-    }
-    size_t count(const std::string& needle)
-    {
-        size_t n = 0;
-        for (auto& l : lines()) n += l.second.find(needle) != std::string::npos;
-        return n;
-    }
-    void clear()
-    {
-        std::lock_guard<std::mutex> g(m_);
-        lines_.clear();
-    }
-
-private:
-    static void sink(unsigned flags, const char* line, void* c)
-    {
-        Capture* self = static_cast<Capture*>(c);
-        if (flags == RAY_TR_LOCK && !self->with_lock_) return;
-        std::lock_guard<std::mutex> g(self->m_);
-        self->lines_.emplace_back(flags, line);
-    }
-    bool with_lock_;
-    std::mutex m_;
-    std::vector<std::pair<unsigned, std::string>> lines_;
-};
 
 /* The thread count to come back to; a sanitizer's helper thread starts with the first thread. */
 int task_baseline()
@@ -131,10 +97,10 @@ TEST(Lifecycle, WorkerCountIsClamped)
 
 TEST(Lifecycle, SecondInitAndEarlyExitOnlyTrace)
 {
-    Capture trace;
+    Trace_Capture trace(false);
     EXPECT_EQ(Ray_Exit(), 1);
     ASSERT_EQ(trace.lines().size(), 1u);
-    EXPECT_EQ(trace.lines()[0].second, ">>> in  Voxelune: Ray_Exit()");
+    EXPECT_EQ(trace.lines()[0].text, ">>> in  Voxelune: Ray_Exit()");
     Ray_Init(2);
     ASSERT_NE(Phong_table, nullptr);
     EXPECT_EQ(Phong_table[851], 0u);
@@ -146,7 +112,7 @@ TEST(Lifecycle, SecondInitAndEarlyExitOnlyTrace)
     /* the host thread's lines only: the new workers trace their own start meanwhile */
     std::vector<std::string> host;
     for (auto& l : trace.lines())
-        if (l.second.find("Ray_Thread_") == std::string::npos) host.push_back(l.second);
+        if (l.text.find("Ray_Thread_") == std::string::npos) host.push_back(l.text);
     ASSERT_EQ(host.size(), 1u);
     EXPECT_EQ(host[0], ">>> in  Voxelune: Ray_Init()");
     EXPECT_EQ(trace.count(">>> in  Voxelune: Ray_Init()"), 1u);
@@ -177,7 +143,7 @@ TEST(Lifecycle, ExitReleasesSlotsKeepsTheRest)
     Ray_Init(1);
     EXPECT_EQ(Ray_Set_Volume(3, 16, 16, 16, nullptr, nullptr), 0);
     /* a slot that Ray_Exit emptied draws an empty frame: rays find no volume */
-    Capture trace;
+    Trace_Capture trace(false);
     Ray_Start(&wb.box, 3);
     EXPECT_EQ(trace.count("refused"), 0u);
     EXPECT_TRUE(eventually([&] { return trace.count("Start ray id:3") == 1 && slot_done(3); }));
@@ -192,7 +158,7 @@ TEST(Lifecycle, RefusedRequests)
     no_image.width = no_image.height = 20;
     Watched_Box flat(20, 0), negative(20, 20);
     negative.box.width = -20;
-    Capture trace(true);
+    Trace_Capture trace(true);
     Ray_Start(&good.box, 1);   /* before Ray_Init */
     Ray_Stop(1);
     Ray_Init(1);
@@ -201,15 +167,15 @@ TEST(Lifecycle, RefusedRequests)
     for (Boxs* b : refused) Ray_Start(b, 1);
     negative.box.width = 20;
     auto lines = trace.lines();
-    std::vector<std::pair<unsigned, std::string>> kept;
+    std::vector<Trace_Capture::Line> kept;
     for (auto& l : lines)
-        if (l.second.find("Ray_St") != std::string::npos || l.first == RAY_TR_ERROR) kept.push_back(l);
+        if (l.text.find("Ray_St") != std::string::npos || l.flags == RAY_TR_ERROR) kept.push_back(l);
     ASSERT_EQ(kept.size(), 12u);
     for (size_t k = 0; k < kept.size(); k += 2) {
-        EXPECT_EQ(kept[k].second.rfind(">>> in  Voxelune: Ray_St", 0), 0u) << kept[k].second;
-        EXPECT_EQ(kept[k + 1].first, RAY_TR_ERROR) << kept[k + 1].second;
+        EXPECT_EQ(kept[k].text.rfind(">>> in  Voxelune: Ray_St", 0), 0u) << kept[k].text;
+        EXPECT_EQ(kept[k + 1].flags, RAY_TR_ERROR) << kept[k + 1].text;
     }
-    EXPECT_EQ(kept[2].first, RAY_TR_RENDER);   /* Ray_Stop's entry line */
+    EXPECT_EQ(kept[2].flags, RAY_TR_RENDER);   /* Ray_Stop's entry line */
     EXPECT_EQ(Ray_Volume.box[1], nullptr);
     EXPECT_EQ(trace.count("Ray_CPU_Start"), 0u);
 
@@ -232,22 +198,22 @@ TEST(Lifecycle, StartBindsTheSlot)
     Ray_Volume.gli[5] = gli.data(), Ray_Volume.tag[5] = tag.data(), Ray_Volume.grad[5] = g;
     Ray_Set_Clip(5, 0.1f, 0.9f, 0.25f, 0.5f, 0.0f, 1.0f);
     Watched_Box wb(30, 20);
-    Capture trace(true);
+    Trace_Capture trace(true);
     Ray_Start(&wb.box, 37);
     ASSERT_TRUE(wb.wait_draws(1));
     /* the host thread's own lines: the pipeline's threads write theirs in between */
-    std::vector<std::pair<unsigned int, std::string>> lines;
+    std::vector<Trace_Capture::Line> lines;
     for (auto& l : trace.lines()) {
-        bool pipeline = l.second.find("Ray_Thread_") != std::string::npos;
-        bool other_lock = l.first == RAY_TR_LOCK && l.second.find(" \"Ray_Start\"") == std::string::npos;
+        bool pipeline = l.text.find("Ray_Thread_") != std::string::npos;
+        bool other_lock = l.flags == RAY_TR_LOCK && l.text.find(" \"Ray_Start\"") == std::string::npos;
         if (!pipeline && !other_lock) lines.push_back(l);
     }
     ASSERT_GE(lines.size(), 5u);
-    EXPECT_EQ(lines[0].second, ">>> in  Voxelune: Ray_Start(id=37)");
-    EXPECT_EQ(lines[1].first, RAY_TR_LOCK);
-    EXPECT_NE(lines[1].second.find(" \"Ray_Start\""), std::string::npos);
-    EXPECT_EQ(lines[2].first, RAY_TR_LOCK);
-    EXPECT_EQ(lines[3].second, ">>> in  Voxelune: Ray_CPU_Start()");
+    EXPECT_EQ(lines[0].text, ">>> in  Voxelune: Ray_Start(id=37)");
+    EXPECT_EQ(lines[1].flags, RAY_TR_LOCK);
+    EXPECT_NE(lines[1].text.find(" \"Ray_Start\""), std::string::npos);
+    EXPECT_EQ(lines[2].flags, RAY_TR_LOCK);
+    EXPECT_EQ(lines[3].text, ">>> in  Voxelune: Ray_CPU_Start()");
     EXPECT_EQ(trace.count("<<< out Voxelune: Ray_Start(done)"), 1u);
     EXPECT_EQ(Ray_Volume.box[5], &wb.box);
     EXPECT_EQ(Ray_Volume.box_w[5], 30u);
@@ -275,7 +241,7 @@ TEST(Lifecycle, StartBindsTheSlot)
     EXPECT_EQ(Ray_Thread_Run, 0);
     bool found = false;
     for (auto& l : trace.lines())
-        if (l.second == "<<< out Voxelune: Ray_Stop(done)") found = l.first == RAY_TR_RENDER;
+        if (l.text == "<<< out Voxelune: Ray_Stop(done)") found = l.flags == RAY_TR_RENDER;
     EXPECT_TRUE(found);
     Scene_Uninstall(5);
     Ray_Exit();
@@ -305,7 +271,7 @@ TEST(Lifecycle, RestartWhileRendering)
 {
     Ray_Init(2);
     Scene_Phantom p = register_phantom(4, 48);
-    Capture trace;
+    Trace_Capture trace(false);
     Watched_Box wb(160, 120);
     Ray_Start(&wb.box, 4);
     ASSERT_TRUE(wb.wait_draws(1));

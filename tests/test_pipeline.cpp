@@ -25,42 +25,6 @@
 
 namespace {
 
-/* Collects trace lines, all but the lock's (a frame takes the lock four times a pixel). */
-class Capture {
-public:
-    Capture() { Corekit_Set_Trace_Sink(&sink, this); }
-    ~Capture() { Corekit_Set_Trace_Sink(nullptr, nullptr); }
-    size_t count(const std::string& needle)
-    {
-        std::lock_guard<std::mutex> g(m);
-        size_t n = 0;
-        for (auto& l : lines) n += l.find(needle) != std::string::npos;
-        return n;
-    }
-    bool has(const std::string& line)
-    {
-        std::lock_guard<std::mutex> g(m);
-        for (auto& l : lines)
-            if (l == line) return true;
-        return false;
-    }
-    void clear()
-    {
-        std::lock_guard<std::mutex> g(m);
-        lines.clear();
-    }
-
-private:
-    static void sink(unsigned int flags, const char* line, void* c)
-    {
-        Capture* self = static_cast<Capture*>(c);
-        if (flags == RAY_TR_LOCK) return;
-        std::lock_guard<std::mutex> g(self->m);
-        self->lines.push_back(line);
-    }
-    std::mutex m;
-    std::vector<std::string> lines;
-};
 
 struct Layout {
     int levels;
@@ -190,7 +154,7 @@ protected:
     }
     std::vector<std::unique_ptr<Watched_Box>> boxes;
     int fds0 = 0, tasks0 = 0;
-    Capture trace;
+    Trace_Capture trace{false};
 };
 
 }  // namespace
