@@ -23,6 +23,12 @@ int Ray_Init_Done = 0;
 
 Plat_Rlock Ray_Critical;
 
+void Ray_Trace_Alloc(int line, const char* file, const char* call, const char* var, int d1, int d2)
+{
+    Ray_Trace(RAY_TR_ALLOC, "line %-4d of %hs \nmemory error in %hs (var=%hs, dim=%dx%d)", line, file, call, var, d1,
+              d2);
+}
+
 void Ray_Phong_Build(unsigned int* table)
 {
     for (int i = 0; i < RAY_PHONG_SIZE; i++) {

@@ -30,6 +30,14 @@
 /* One trace line through the host's Error_Fct (narrow or wide format). */
 #define Ray_Trace(flags, ...) Error_Fct(hwnd, (flags), __VA_ARGS__)
 
+/*
+ * The allocation-failure line (flags 1): the source line of the failing
+ * call (pass __LINE__ written on the line of the call), the source name,
+ * the allocator ("malloc", "calloc", "realloc", "new"), the variable and
+ * its two dimensions.
+ */
+void Ray_Trace_Alloc(int line, const char* file, const char* call, const char* var, int d1, int d2);
+
 /* The global render parameters. */
 struct Ray_Params_Table {
     float threshold;

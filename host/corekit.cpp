@@ -42,6 +42,11 @@ void Corekit_Set_Trace_Sink(Trace_Sink sink, void* context)
     g_sink.store(sink, std::memory_order_release);
 }
 
+int Corekit_Trace_Listening()
+{
+    return g_sink.load(std::memory_order_acquire) != nullptr;
+}
+
 static void put_utf8(std::string& out, char32_t c)
 {
     if (c < 0x80) {

@@ -118,5 +118,7 @@ typedef void (*Trace_Sink)(unsigned int flags, const char* line, void* context);
 COREKIT_API void Corekit_Set_Trace_Sink(Trace_Sink sink, void* context); /* null: drop lines */
 COREKIT_API void Corekit_Set_Random(float (*generator)());               /* null: the default */
 COREKIT_API void Corekit_Set_Cuda_Permission(int allowed);               /* Test_Cuda's answer */
+/* Nonzero while a sink is installed: work whose only effect is a trace line may be skipped. */
+COREKIT_API int Corekit_Trace_Listening();
 
 #endif
