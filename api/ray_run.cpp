@@ -14,15 +14,13 @@
 #include "core/ray_state.h"
 #include "cpu/ray_dispatch.h"
 #include "cpu/ray_dispatch_state.h"
+#include "cpu/ray_render_layout.h"
 #include "gpu/cuda_rt.h"
 #include "gpu/ray_cuda.h"
 #include "gpu/ray_gradient.h"
 
 /* Allocation failures of this file name their source as "ray_init". */
 #define RAY_SRC "ray_init"
-
-/* How long Ray_Start waits, in 1 ms steps, for a slot's rays in flight. */
-#define RAY_START_SETTLE_MS 5000
 
 /* ------------------------------------------------------------ start, stop */
 
@@ -38,14 +36,19 @@ int Ray_Init(unsigned short nb_thread)
     if (n > RAY_MAX_WORKERS) n = RAY_MAX_WORKERS;
 
     if (!Phong_table) {
-        Phong_table = static_cast<unsigned int*>(malloc(RAY_PHONG_SIZE * sizeof(unsigned int)));
-        if (Phong_table)
-            Ray_Phong_Build(Phong_table);
-        else
-            Ray_Trace(RAY_TR_ALLOC, "line %-4d of %hs \nmemory error in malloc (var=%hs, dim=%dx%d)", __LINE__ - 4,
-                      RAY_SRC, "Phong_table", RAY_PHONG_SIZE, 4);
+        Phong_table = static_cast<unsigned int*>(
+            Ray_Malloc(RAY_PHONG_SIZE * sizeof(unsigned int), __LINE__, RAY_SRC, "Phong_table", RAY_PHONG_SIZE, 4));
+        if (Phong_table) Ray_Phong_Build(Phong_table);
     }
-    (void)Ray_CPU_Init(n);
+    if (!Ray_CPU_Init(n)) {
+        /* The pipeline wrote why.  Nothing half-started stays behind: the
+         * library is not started, and a later Ray_Init tries again. */
+        Ray_CPU_Exit();
+        free(Phong_table);
+        Phong_table = nullptr;
+        Critical_Ray_Cleanup();
+        Ray_Init_Done = 0;
+    }
     Ray_Trace(RAY_TR_EXPORT, "<<< out Voxelune: Ray_Init(done)");
     return 1;
 }
@@ -73,6 +76,8 @@ int Ray_Exit()
             Ray_Grad_Release(Ray_Volume.grad[s]);
             Ray_Volume.grad[s] = nullptr;
         }
+        Ray_Render_Layout_Release(Ray_Volume.render[s]);
+        Ray_Volume.render[s] = nullptr;
     }
     Critical_Ray_Out("Vol_Ray_Exit");
 
@@ -90,8 +95,8 @@ static const char* start_refusal(const Boxs* box, int s)
 {
     if (!Ray_Init_Done) return "the library is not started (Ray_Init)";
     if (!box) return "no box";
-    if (!box->Graph_Normal) return "the box has no image buffer";
-    if (box->width <= 0 || box->height <= 0) return "the box has no pixel";
+    if (box->width < 0 || box->height < 0) return "the box has a negative size";
+    if (!box->Graph_Normal && box->width > 0 && box->height > 0) return "the box has no image buffer";
     if (static_cast<long long>(box->width) * box->height > 0x7FFFFFFFLL) return "the box has too many pixels";
     if (!Phong_table) return "no Phong table";
     /* The kernel would read the device buffers unchecked; a CPU frame of
@@ -100,23 +105,6 @@ static const char* start_refusal(const Boxs* box, int s)
                                         !Ray_Cuda_Grad_X[s] || !Ray_Cuda_Grad_Y[s] || !Ray_Cuda_Grad_Z[s]))
         return "the slot's volume is no longer on the device";
     return nullptr;
-}
-
-/*
- * Waits, under the lock and leaving it between looks, until no ray of slot
- * s is in flight, handing out no further task of the slot meanwhile.  The
- * rays of a running frame read the slot's matrix and clip box without the
- * lock; the new binding is written only once they have landed.  The frame
- * that was running is restarted anyway by the request that follows.
- */
-static void settle_slot(int s)
-{
-    for (int k = 0; k < RAY_START_SETTLE_MS && Ray_Thread_Flight[s] > 0; k++) {
-        Ray_Thread_Next[s] = -1;
-        Critical_Ray_Out("Ray_Start");
-        Plat_Sleep(1);
-        Critical_Ray_In("Ray_Start");
-    }
 }
 
 /* trunc(float(dim) * fraction), as an int32 (out of range as the hardware converts it). */
@@ -132,8 +120,13 @@ int Ray_Start(Boxs* box, unsigned short id)
         return 1;
     }
 
+    /*
+     * The binding is written under the lock; a worker copies it under the
+     * same lock when it takes a task, so a ray sees the old binding or the
+     * new one, never a mix.  Rays of the old frame in flight land in it as
+     * stale pixels that the new frame's tasks overwrite.
+     */
     Critical_Ray_In("Ray_Start");
-    settle_slot(s);
     /* the draw thread reads the box pointer without the lock */
     __atomic_store_n(&Ray_Volume.box[s], box, __ATOMIC_RELAXED);
     Ray_Volume.box_w[s] = static_cast<unsigned int>(box->width);
@@ -149,8 +142,7 @@ int Ray_Start(Boxs* box, unsigned short id)
 
     bool gpu = Ray_Volume.use_cuda[s] == 1;
     if (!gpu) {
-        /* Written before the lock is left, so that no ray of a request
-         * still queued for this slot reads a half-written box. */
+        /* Written before the lock is left: part of the binding. */
         int* cb = Ray_Volume.clip_box[s];
         cb[0] = clip_bound(dx, Ray_Volume.clip_frac_x[s][0]);
         cb[1] = clip_bound(dx, Ray_Volume.clip_frac_x[s][1]);

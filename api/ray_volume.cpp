@@ -12,6 +12,7 @@
 #include <cstdint>
 
 #include "core/ray_state.h"
+#include "cpu/ray_render_layout.h"
 #include "gpu/ray_cuda_check.h"
 #include "gpu/ray_gradient.h"
 
@@ -72,7 +73,8 @@ int Ray_Set_Volume(unsigned short id, int dim_x, int dim_y, int dim_z, float* gl
 
     if (dim_x != 0 && !gli) {
         int held = dim_x == Ray_Volume.dim_x[s] && dim_y == Ray_Volume.dim_y[s] &&
-                   dim_z == Ray_Volume.dim_z[s] && Ray_Volume.gli[s] && Ray_Volume.tag[s] && Ray_Volume.grad[s];
+                   dim_z == Ray_Volume.dim_z[s] && Ray_Volume.gli[s] && Ray_Volume.tag[s] &&
+                   (Ray_Volume.grad[s] || Ray_Volume.render[s]);
         Ray_Trace(RAY_TR_EXPORT, held ? "<<< out Voxelune: Ray_Set_Volume(querry->1)"
                                       : "<<< out Voxelune: Ray_Set_Volume(querry->0)");
         return held;
@@ -92,6 +94,8 @@ int Ray_Set_Volume(unsigned short id, int dim_x, int dim_y, int dim_z, float* gl
     Ray_Volume.tag[s] = tag;
     Ray_Grad_Release(Ray_Volume.grad[s]);
     Ray_Volume.grad[s] = nullptr;
+    Ray_Render_Layout_Release(Ray_Volume.render[s]);
+    Ray_Volume.render[s] = nullptr;
     Ray_Free_Device_Buffers(s);
 
     if (dim_x == 0) {
@@ -115,6 +119,14 @@ int Ray_Set_Volume(unsigned short id, int dim_x, int dim_y, int dim_z, float* gl
         upload_slot(s, n);
         Ray_Grad_Release(Ray_Volume.grad[s]);
         Ray_Volume.grad[s] = nullptr;
+    } else if (Ray_Volume.grad[s]) {
+        /* A CPU slot renders from its layout, which holds the gradients:
+         * the separate arrays go (without memory for a layout they stay). */
+        Ray_Volume.render[s] = Ray_Render_Layout_Build(dim_x, dim_y, dim_z, gli, Ray_Volume.grad[s]);
+        if (Ray_Volume.render[s]) {
+            Ray_Grad_Release(Ray_Volume.grad[s]);
+            Ray_Volume.grad[s] = nullptr;
+        }
     }
     Ray_Trace(RAY_TR_EXPORT, "<<< out Voxelune: Ray_Set_Volume(done)");
     return 1;

@@ -14,7 +14,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "core/ray_pixel.h"
+#include "cpu/ray_pixel.h"
 #include "cpu/ray_dispatch_state.h"
 #include "scene.h"
 

@@ -13,7 +13,7 @@
 #include <cstdint>
 
 #include "core/ray_core.h"
-#include "core/ray_pixel.h"
+#include "cpu/ray_pixel.h"
 #include "core/ray_state.h"
 #include "scene.h"
 
@@ -117,15 +117,22 @@ void BM_Ray_Pixel_Frame(benchmark::State& state)
 }
 BENCHMARK(BM_Ray_Pixel_Frame)->Unit(benchmark::kMillisecond);
 
-/* The same walks without the per-step lock, to show what the lock costs. */
-void BM_Walk_Frame_Unlocked(benchmark::State& state)
+/* The plain walk (five separate volumes, the run flag under the lock at every step), as before. */
+void BM_Plain_Locked_Frame(benchmark::State& state)
 {
     Frame_Setup& f = frame();
     std::array<float, 16> m = Ray_Volume.transfo[k_slot].to_float();
-    const float low[3] = {0, 0, 0}, high[3] = {k_dim, k_dim, k_dim};
     Ray_Scene sc;
     Ray_Scene_Slot(&sc, k_slot, Ray_Params.threshold, Ray_Volume.clip[k_slot]);
-    Ray_Run_Always run;
+    struct Locked {
+        bool operator()() const
+        {
+            Critical_Ray_In("DDDA_Volume");
+            int run = Ray_Thread_Run.load();
+            Critical_Ray_Out("DDDA_Volume");
+            return run != 0;
+        }
+    } run;
     uint64_t sum = 0;
     for (auto _ : state) {
         for (int j = 0; j < k_h; j++)
@@ -133,23 +140,13 @@ void BM_Walk_Frame_Unlocked(benchmark::State& state)
                 float eye[3], d[3], inv;
                 Ray_Pixel_Ray(m.data(), i, j, k_w, k_h, Fct_Random_Float(), Fct_Random_Float(), eye, d, &inv);
                 float dir[3] = {d[0] * inv, d[1] * inv, d[2] * inv};
-                float pos[3] = {eye[0], eye[1], eye[2]};
-                float entry = Ray_DDDA_Origin<RAY_CPU>(pos, dir, low, high);
-                if (entry >= RAY_MISS) continue;
-                Rays r = {};
-                Ray_DDDA_Param<RAY_CPU>(&r, pos, dir, low, high);
-                r.entry = entry;
-                for (int a = 0; a < 3; a++) {
-                    r.org[a] = eye[a];
-                    r.dir[a] = dir[a];
-                }
-                sum += Ray_DDDA_Walk<RAY_CPU>(&r, sc, run);
+                sum += Ray_Cast<RAY_CPU>(eye, dir, sc, run);
             }
     }
     benchmark::DoNotOptimize(sum);
     report(state, f.samples);
 }
-BENCHMARK(BM_Walk_Frame_Unlocked)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Plain_Locked_Frame)->Unit(benchmark::kMillisecond);
 
 } // namespace
 

@@ -17,8 +17,7 @@
 std::atomic<int> Plat_Fail_Pipe_At{0};
 std::atomic<int> Plat_Fail_Thread_At{0};
 
-/* Counts a call down toward an injected failure; true when this call fails. */
-static bool injected_failure(std::atomic<int>& at)
+bool Plat_Fault_Countdown(std::atomic<int>& at)
 {
     int n = at.load();
     while (n > 0) {
@@ -96,7 +95,7 @@ unsigned Plat_Rlock_Count(Plat_Rlock* lock)
 
 int Plat_Pipe(int fds[2], unsigned size)
 {
-    if (injected_failure(Plat_Fail_Pipe_At)) {
+    if (Plat_Fault_Countdown(Plat_Fail_Pipe_At)) {
         errno = EMFILE;
         return -1;
     }
@@ -161,7 +160,7 @@ static void* thread_trampoline(void* p)
 int Plat_Thread_Start(Plat_Thread* thread, Plat_Thread_Fn fn, void* arg)
 {
     thread->handle = nullptr;
-    if (injected_failure(Plat_Fail_Thread_At)) {
+    if (Plat_Fault_Countdown(Plat_Fail_Thread_At)) {
         errno = EAGAIN;
         return -1;
     }

@@ -66,5 +66,10 @@ size_t Plat_Module_Path(char* buf, size_t size);
  */
 extern std::atomic<int> Plat_Fail_Pipe_At;
 extern std::atomic<int> Plat_Fail_Thread_At;
+/*
+ * Counts one call down toward an injected failure: true for the call that
+ * takes *at from 1 to 0.  Every fault-injection hook counts with this.
+ */
+bool Plat_Fault_Countdown(std::atomic<int>& at);
 
 #endif

@@ -598,6 +598,50 @@ VX_HD inline float Ray_Alpha(const Ray_Scene& sc, float a, float g, float w, uns
     }
 }
 
+/*
+ * Whether Ray_Alpha is exactly 0 for every sample of any tag whose
+ * interpolated values satisfy 0 <= a <= a_hi and g <= g_hi, both finite
+ * (w finite).  Bounds that are not finite (+inf) say nothing.
+ * Conservative: false whenever that cannot be told; with a threshold that
+ * is not finite nothing is ever known to be 0.
+ */
+VX_HD inline bool Ray_Alpha_Is_Zero_Any_Tag(const Ray_Scene& sc, float a_hi, float g_hi)
+{
+    float thr = sc.threshold;
+    if (!(thr - thr == 0.0f)) return false;   /* NaN or infinite */
+    bool no_a = a_hi <= 0.0f;                 /* a is +-0: clamp(k a) is 0 */
+    switch (sc.col_mode) {
+    case 0:
+    case 1:
+        return no_a || g_hi <= thr - 0.1f;
+    case 2:
+        return sc.map_nb < 2 || no_a;
+    case 3:
+    case 4:
+        return no_a;
+    default:
+        return true;
+    }
+}
+
+/* The same for a sample whose tag has colour index mc and band factor band (mode 2). */
+VX_HD inline bool Ray_Alpha_Is_Zero(const Ray_Scene& sc, unsigned char mc, float band, float a_hi, float g_hi)
+{
+    if (Ray_Alpha_Is_Zero_Any_Tag(sc, a_hi, g_hi)) return true;
+    float thr = sc.threshold;
+    if (!(thr - thr == 0.0f)) return false;
+    switch (sc.col_mode) {
+    case 2:
+        return band == 0.0f && a_hi <= 3.0e38f;   /* a finite: a * 0 is 0 */
+    case 3:
+        return mc == 0;
+    case 4:
+        return mc == 0 && g_hi <= thr - 0.1f;
+    default:
+        return false;
+    }
+}
+
 /* ------------------------------------------------------------ the walk */
 
 /* The device form's stop policy: the walk runs to its end. */
@@ -710,13 +754,48 @@ VX_HD inline bool Ray_Cross(Rays* ray, int* t)
 }
 
 /*
+ * How the walk gets a sample's interpolated values.  The plain sampler
+ * interpolates the scene's five separate volumes corner by corner, as
+ * both renderers specify it; the CPU renderer plugs in a faster one over
+ * its render layout (same values, word for word).  at() prepares the
+ * sample at pos; a(), g() and normal() read it.  bound() may give, before
+ * at(), bounds a_hi and g_hi of the sample's values (see
+ * Ray_Alpha_Is_Zero), false when it has none; missing() is the CPU
+ * form's check for absent buffers.
+ */
+template <int F>
+struct Ray_Plain_Sampler {
+    const Ray_Scene& sc;
+    Ray_Stencil st;
+    VX_HD explicit Ray_Plain_Sampler(const Ray_Scene& scene) : sc(scene) {}
+    VX_HD bool missing() const
+    {
+        return !sc.grad_a || !sc.grad_x || !sc.grad_y || !sc.grad_z || !sc.gli || !sc.tag;
+    }
+    VX_HD bool bound(const float*, float*, float*) const { return false; }
+    VX_HD void at(const float* pos) { Ray_Interp_Setup<F>(&st, pos, sc.dim); }
+    VX_HD float a() const { return Ray_Interp_Apply<F>(&st, sc.grad_a); }
+    VX_HD float g() const { return Ray_Interp_Apply<F>(&st, sc.gli); }
+    VX_HD void normal(float* n) const
+    {
+        n[0] = Ray_Interp_Apply<F>(&st, sc.grad_x);
+        n[1] = Ray_Interp_Apply<F>(&st, sc.grad_y);
+        n[2] = Ray_Interp_Apply<F>(&st, sc.grad_z);
+    }
+};
+
+/*
  * Walks the ray prepared by Ray_DDDA_Param through sc's volume, one sample
  * per voxel crossed, and returns the pixel word.  run() is asked at every
- * step on the CPU (false ends the ray); the device form never asks.
+ * step on the CPU (false ends the ray); the device form never asks.  smp
+ * gives the samples' values (see Ray_Plain_Sampler).
  */
-template <int F, class Run>
-VX_HD inline unsigned int Ray_DDDA_Walk(Rays* ray, const Ray_Scene& sc, Run& run)
+template <int F, class Run, class Sampler>
+VX_HD inline unsigned int Ray_DDDA_Walk(Rays* out, const Ray_Scene& sc, Run& run, Sampler& smp)
 {
+    /* The walk works on a copy, which can live in registers, and leaves its state in *out. */
+    Rays local = *out;
+    Rays* ray = &local;
     Ray_Accum<F> acc;
     float T = 1.0f;
     int t_prev = 0;
@@ -729,9 +808,9 @@ VX_HD inline unsigned int Ray_DDDA_Walk(Rays* ray, const Ray_Scene& sc, Run& run
 
     for (;;) {
         /*
-         * 1-3: the axis of the nearest crossing (ties to x, then y), its
-         * bound, and the crossing into the next voxel at parameter t.
-         * Constant indices keep the record in registers on the device.
+         * The axis of the nearest crossing (ties to x, then y), its bound,
+         * and the crossing into the next voxel at parameter t.  Constant
+         * indices keep the record in registers on the device.
          */
         int t;
         if (ray->t_max[0] <= ray->t_max[1] && ray->t_max[0] <= ray->t_max[2]) {
@@ -742,21 +821,21 @@ VX_HD inline unsigned int Ray_DDDA_Walk(Rays* ray, const Ray_Scene& sc, Run& run
             if (!Ray_Cross<2>(ray, &t)) break;
         }
 
-        /* 4: leave when the voxel entered is outside the volume. */
+        /* Leave when the voxel entered is outside the volume. */
         const int* v = ray->vox;
         if (v[0] < 0 || v[0] >= dim[0] || v[1] < 0 || v[1] >= dim[1] || v[2] < 0 || v[2] >= dim[2]) break;
 
-        /* 5: a stop request ends the ray here. */
+        /* A stop request ends the ray here. */
         if constexpr (F == RAY_CPU) {
             if (!run()) break;
         }
 
-        /* 6-7: depth clip, then the clip box. */
+        /* Depth clip, then the clip box. */
         unsigned int fl =
             sc.clip > static_cast<float>(t_prev) * RAY_DDA_TO_LEN + ray->entry ? RAY_SF_CLIPPED : 0u;
         if (clip_box) fl |= Ray_Clip_Flags(sc, v);
 
-        /* 8: a clip-plane voxel is drawn as overlay, clipped or not. */
+        /* A clip-plane voxel is drawn as overlay, clipped or not, with no opacity test after it. */
         if (fl & RAY_SF_PLANES) {
             float alpha;
             unsigned int col = Ray_Overlay(fl, &alpha);
@@ -764,60 +843,66 @@ VX_HD inline unsigned int Ray_DDDA_Walk(Rays* ray, const Ray_Scene& sc, Run& run
             t_prev = t;
             continue;
         }
-        /* 9: clipped. */
         if (fl & RAY_SF_CLIPPED) {
             t_prev = t;
             continue;
         }
 
-        /* 10: the sample lies mid-segment, in the voxel before the crossing. */
+        /* The sample lies mid-segment, in the voxel before the crossing. */
         int len = Ray_Sub32(t, t_prev);
         float w = static_cast<float>(len) * RAY_WEIGHT_PER_UNIT;
         int mid = Ray_Add32(len >> 1, t_prev);
         float d = static_cast<float>(mid) * RAY_DDA_TO_LEN + ray->entry;
         for (int k = 0; k < 3; k++) ray->pos[k] = ray->org[k] + d * ray->dir[k];
 
-        /* 11: the sample's values, colour and opacity. */
         if constexpr (F == RAY_CPU) {
-            if (!sc.grad_a || !sc.grad_x || !sc.grad_y || !sc.grad_z || !sc.gli || !sc.tag) {
+            if (smp.missing()) {
                 ray->col[0] = acc.col[0];
                 ray->col[1] = acc.col[1];
                 ray->col[2] = acc.col[2];
                 ray->trans = T;
+                *out = local;
                 return 0;
             }
         }
-        Ray_Stencil st;
-        Ray_Interp_Setup<F>(&st, ray->pos, dim);
-        float ga = Ray_Interp_Apply<F>(&st, sc.grad_a);
-        unsigned char tg = sc.tag[Ray_Voxel_Index(dim, v[0], v[1], v[2])];
-        unsigned char mc = sc.map_col[tg];
-        float g = Ray_Alpha_Needs_Grey(sc, mc) ? Ray_Interp_Apply<F>(&st, sc.gli) : 0.0f;
-        float band = 0.0f;
-        if (band_on) {
-            /* Tags come in runs: recompute the band only when the map changes. */
-            unsigned char m = sc.map_id[tg];
-            if (m != band_map) {
-                band_map = m;
-                band_x = Ray_Band(sc, band_b, m);
-            }
-            band = band_x;
-        }
-        float alpha = Ray_Alpha(sc, ga, g, w, mc, band_b, band);
-
         /*
-         * 12: composite.  A sample of opacity exactly 0 adds 0 and keeps T,
-         * so its normal and shading are not needed.
+         * A sample of opacity exactly 0 adds 0 and keeps T: where bounds
+         * show that opacity, whatever the tag or for the sample's tag, it
+         * needs neither interpolation nor shading.
          */
-        if (alpha != 0.0f) {
-            float n[3] = {Ray_Interp_Apply<F>(&st, sc.grad_x), Ray_Interp_Apply<F>(&st, sc.grad_y),
-                          Ray_Interp_Apply<F>(&st, sc.grad_z)};
-            Color base = Ray_Color_Of(Ray_Base_Color(sc, tg));
-            Color shaded = Ray_DDDA_Shade(ray, base, n, RAY_SHADE_ALL, sc);
-            Ray_Composite<F>(acc, T, Ray_Color_Word(shaded), alpha);
+        float a_hi = 0.0f, g_hi = 0.0f;
+        bool bounded = smp.bound(ray->pos, &a_hi, &g_hi);
+        if (!bounded || !Ray_Alpha_Is_Zero_Any_Tag(sc, a_hi, g_hi)) {
+            /* The tag of the voxel entered, its colour index and band. */
+            unsigned char tg = sc.tag[Ray_Voxel_Index(dim, v[0], v[1], v[2])];
+            unsigned char mc = sc.map_col[tg];
+            float band = 0.0f;
+            if (band_on) {
+                /* Tags come in runs: recompute the band only when the map changes. */
+                unsigned char m = sc.map_id[tg];
+                if (m != band_map) {
+                    band_map = m;
+                    band_x = Ray_Band(sc, band_b, m);
+                }
+                band = band_x;
+            }
+            if (!bounded || !Ray_Alpha_Is_Zero(sc, mc, band, a_hi, g_hi)) {
+                /* Opacity, then, if it is not 0, the normal, shading and compositing. */
+                smp.at(ray->pos);
+                float ga = smp.a();
+                float g = Ray_Alpha_Needs_Grey(sc, mc) ? smp.g() : 0.0f;
+                float alpha = Ray_Alpha(sc, ga, g, w, mc, band_b, band);
+                if (alpha != 0.0f) {
+                    float n[3];
+                    smp.normal(n);
+                    Color base = Ray_Color_Of(Ray_Base_Color(sc, tg));
+                    Color shaded = Ray_DDDA_Shade(ray, base, n, RAY_SHADE_ALL, sc);
+                    Ray_Composite<F>(acc, T, Ray_Color_Word(shaded), alpha);
+                }
+            }
         }
 
-        /* 13: opaque enough. */
+        /* Opaque enough. */
         if (T <= RAY_OPAQUE) break;
         t_prev = t;
     }
@@ -828,19 +913,28 @@ VX_HD inline unsigned int Ray_DDDA_Walk(Rays* ray, const Ray_Scene& sc, Run& run
         ray->col[2] = acc.col[2];
         ray->trans = T;
     }
+    *out = local;
     return Ray_Pack_Byte(acc.byte(0)) | Ray_Pack_Byte(acc.byte(1)) << 8 | Ray_Pack_Byte(acc.byte(2)) << 16 |
            Ray_Pack_Byte(Ray_F2I<F>(T * 255.0f)) << 24;
+}
+
+/* The walk with the plain sampler. */
+template <int F, class Run>
+VX_HD inline unsigned int Ray_DDDA_Walk(Rays* ray, const Ray_Scene& sc, Run& run)
+{
+    Ray_Plain_Sampler<F> smp(sc);
+    return Ray_DDDA_Walk<F>(ray, sc, run, smp);
 }
 
 /* ---------------------------------------------------------- one whole ray */
 
 /*
  * The ray from eye along the unit direction dir through sc's volume box
- * (0, 0, 0) - dim: its entry, DDA set-up and walk.  Returns the pixel
- * word; 0 when the ray misses the volume.
+ * (0, 0, 0) - dim: its entry, DDA set-up and walk with the sampler smp.
+ * Returns the pixel word; 0 when the ray misses the volume.
  */
-template <int F, class Run>
-VX_HD inline unsigned int Ray_Cast(const float* eye, const float* dir, const Ray_Scene& sc, Run& run)
+template <int F, class Run, class Sampler>
+VX_HD inline unsigned int Ray_Cast(const float* eye, const float* dir, const Ray_Scene& sc, Run& run, Sampler& smp)
 {
     const float low[3] = {0.0f, 0.0f, 0.0f};
     const float high[3] = {static_cast<float>(sc.dim[0]), static_cast<float>(sc.dim[1]),
@@ -856,21 +950,15 @@ VX_HD inline unsigned int Ray_Cast(const float* eye, const float* dir, const Ray
         ray.org[a] = eye[a];
         ray.dir[a] = dir[a];
     }
-    return Ray_DDDA_Walk<F>(&ray, sc, run);
+    return Ray_DDDA_Walk<F>(&ray, sc, run, smp);
 }
 
-/* ------------------------------------------------ the CPU renderer's forms */
-
-/*
- * Fills sc for slot from the slot tables and Ray_Params, with the walk's
- * threshold and depth clip.  Defined with Ray_Pixel.
- */
-void Ray_Scene_Slot(Ray_Scene* sc, int slot, float threshold, float clip);
-
-/* The CPU walk of slot's volume, with the stop request of the pipeline. */
-unsigned int Ray_DDDA_Walk(Rays* ray, int slot, float threshold, float clip);
-
-/* The CPU shading call: base colour as a colour word, Ray_Params' lights. */
-Color Ray_DDDA_Shade(Rays* ray, unsigned int c, float* n, unsigned char flags);
+/* The whole ray with the plain sampler. */
+template <int F, class Run>
+VX_HD inline unsigned int Ray_Cast(const float* eye, const float* dir, const Ray_Scene& sc, Run& run)
+{
+    Ray_Plain_Sampler<F> smp(sc);
+    return Ray_Cast<F>(eye, dir, sc, run, smp);
+}
 
 #endif

@@ -5,6 +5,7 @@
 #include "ray_state.h"
 
 #include <cmath>
+#include <cstdlib>
 
 Ray_Params_Table Ray_Params;
 Ray_Volume_Table Ray_Volume;
@@ -18,7 +19,7 @@ float* Ray_Cuda_Grad_Z[RAY_SLOTS];
 
 unsigned int* Phong_table = nullptr;
 float Phong_exponent = 30.0f;
-int Ray_Thread_Run = 0;
+std::atomic<int> Ray_Thread_Run{0};
 int Ray_Init_Done = 0;
 
 Plat_Rlock Ray_Critical;
@@ -27,6 +28,29 @@ void Ray_Trace_Alloc(int line, const char* file, const char* call, const char* v
 {
     Ray_Trace(RAY_TR_ALLOC, "line %-4d of %hs \nmemory error in %hs (var=%hs, dim=%dx%d)", line, file, call, var, d1,
               d2);
+}
+
+std::atomic<int> Ray_Fail_Alloc_At{0};
+
+void* Ray_Malloc(size_t bytes, int line, const char* file, const char* var, int d1, int d2)
+{
+    void* p = Plat_Fault_Countdown(Ray_Fail_Alloc_At) ? nullptr : malloc(bytes);
+    if (!p) Ray_Trace_Alloc(line, file, "malloc", var, d1, d2);
+    return p;
+}
+
+void* Ray_Calloc(size_t n, size_t size, int line, const char* file, const char* var, int d1, int d2)
+{
+    void* p = Plat_Fault_Countdown(Ray_Fail_Alloc_At) ? nullptr : calloc(n, size);
+    if (!p) Ray_Trace_Alloc(line, file, "calloc", var, d1, d2);
+    return p;
+}
+
+void* Ray_Realloc(void* old, size_t bytes, int line, const char* file, const char* var, int d1, int d2)
+{
+    void* p = Plat_Fault_Countdown(Ray_Fail_Alloc_At) ? nullptr : realloc(old, bytes);
+    if (!p) Ray_Trace_Alloc(line, file, "realloc", var, d1, d2);
+    return p;
 }
 
 void Ray_Phong_Build(unsigned int* table)

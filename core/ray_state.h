@@ -12,6 +12,9 @@
 #include <corekit/corekit.h>
 #include <panelkit/panelkit.h>
 
+#include <atomic>
+#include <cstddef>
+
 #include "platform.h"
 
 #define RAY_SLOTS 32
@@ -38,6 +41,18 @@
  */
 void Ray_Trace_Alloc(int line, const char* file, const char* call, const char* var, int d1, int d2);
 
+/*
+ * malloc, calloc and realloc that write the allocation-failure line when
+ * they fail: line is the caller's __LINE__, written on the line of the
+ * call; var, d1 and d2 name the variable and its dimensions.  Each call
+ * counts Ray_Fail_Alloc_At down (tests inject failures with it).
+ */
+void* Ray_Malloc(size_t bytes, int line, const char* file, const char* var, int d1, int d2);
+void* Ray_Calloc(size_t n, size_t size, int line, const char* file, const char* var, int d1, int d2);
+void* Ray_Realloc(void* p, size_t bytes, int line, const char* file, const char* var, int d1, int d2);
+/* The n-th next Ray_Malloc, Ray_Calloc or Ray_Realloc (counting from 1) fails; 0 disables. */
+extern std::atomic<int> Ray_Fail_Alloc_At;
+
 /* The global render parameters. */
 struct Ray_Params_Table {
     float threshold;
@@ -55,12 +70,16 @@ struct Ray_Params_Table {
 };
 extern Ray_Params_Table Ray_Params;
 
+/* A CPU slot's interleaved channels and block bounds (cpu/ray_render_layout.h). */
+struct Ray_Render_Layout;
+
 /* The 32 volume slots, one table per field. */
 struct Ray_Volume_Table {
     int dim_x[RAY_SLOTS], dim_y[RAY_SLOTS], dim_z[RAY_SLOTS];
     float* gli[RAY_SLOTS];            /* the host's grey levels */
     unsigned char* tag[RAY_SLOTS];    /* the host's tags */
     float** grad[RAY_SLOTS];          /* grad_a, grad_x, grad_y, grad_z; owned */
+    Ray_Render_Layout* render[RAY_SLOTS]; /* a CPU slot's gradients, as it renders them; owned */
     unsigned int use_cuda[RAY_SLOTS];
     float clip[RAY_SLOTS];            /* depth clip distance */
     float clip_frac_x[RAY_SLOTS][2];
@@ -99,8 +118,11 @@ extern float Phong_exponent;
 /* Fills table[0..1023] with trunc(min(1, (i/1024)^Phong_exponent) * 255). */
 void Ray_Phong_Build(unsigned int* table);
 
-/* The CPU pipeline's run flag, read by the voxel walk under the lock. */
-extern int Ray_Thread_Run;
+/*
+ * The CPU pipeline's run flag, written under the lock.  The walk reads it
+ * under the lock while a trace sink listens, else with an acquire load.
+ */
+extern std::atomic<int> Ray_Thread_Run;
 
 /* The library lock, traced on every enter and leave. */
 extern Plat_Rlock Ray_Critical;

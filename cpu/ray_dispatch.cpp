@@ -26,7 +26,7 @@
 #include <cstring>
 #include <cwchar>
 
-#include "core/ray_pixel.h"
+#include "cpu/ray_pixel.h"
 #include "cpu/ray_dispatch_state.h"
 
 #define SRC_NAME "ray_dispatch"
@@ -46,7 +46,7 @@ int Ray_Thread_Started = 0;
 unsigned long long Ray_Thread_Busy = 0;
 int Ray_Thread_Next[RAY_SLOTS];
 int Ray_Thread_Left[RAY_SLOTS];
-int Ray_Thread_Flight[RAY_SLOTS];
+std::atomic<int> Ray_Thread_Flight[RAY_SLOTS];
 
 Ray_Dim Ray_Thread_Dim[RAY_SLOTS];
 int Ray_Thread_Level_Nb[RAY_SLOTS];
@@ -57,8 +57,7 @@ int* Ray_Thread_H[RAY_SLOTS];
 int* Ray_Thread_Seminal_Val[RAY_SLOTS];
 unsigned char* Ray_Thread_Stamp[RAY_SLOTS];
 
-std::atomic<Ray_Pixel_Fn> Ray_Dispatch_Pixel{&Ray_Pixel};
-std::atomic<int> Ray_Dispatch_Fail_Alloc_At{0};
+std::atomic<Ray_Pixel_Fn> Ray_Dispatch_Pixel{&Ray_Pixel_View};
 
 /*
  * Which threads are running, for the writers that wait for room in a pipe:
@@ -77,22 +76,21 @@ static std::atomic<int> pipeline_closing{0};
  * read, so a positive count always means bytes wait in the pipe.
  */
 static std::atomic<int> worker_pending[RAY_MAX_WORKERS];
+/*
+ * Start records written to the control pipe, and start records the
+ * control thread has handled: a stop first lets every record posted
+ * before it be handled, so that it stops what they started.
+ */
+static std::atomic<unsigned> ctrl_posted{0};
+static std::atomic<unsigned> ctrl_handled{0};
+/*
+ * Per slot, redraws asked for (a level completed under the lock) and not
+ * yet made by the draw thread: a stop waits for them, so that no redraw
+ * of the slot follows its return.
+ */
+static std::atomic<int> draw_owed[RAY_SLOTS];
 
 /* ------------------------------------------------------------ small tools */
-
-/* Counts an allocation down toward an injected failure. */
-static bool alloc_fails()
-{
-    int n = Ray_Dispatch_Fail_Alloc_At.load();
-    while (n > 0) {
-        if (Ray_Dispatch_Fail_Alloc_At.compare_exchange_weak(n, n - 1)) return n == 1;
-    }
-    return false;
-}
-
-static void* dispatch_calloc(size_t n, size_t size) { return alloc_fails() ? nullptr : calloc(n, size); }
-static void* dispatch_malloc(size_t size) { return alloc_fails() ? nullptr : malloc(size); }
-static void* dispatch_realloc(void* p, size_t size) { return alloc_fails() ? nullptr : realloc(p, size); }
 
 static const wchar_t k_err_pipe[] = L"\xF1" L"\x04" L"ERROR:" L"\x02" L"\t Unable to create raytracing pipe!";
 static const wchar_t k_err_ctrl[] = L"\xF1" L"\x04" L"ERROR:" L"\x02" L" Unable to start Ray-tracing Ctrl thread";
@@ -274,15 +272,11 @@ static void layout_release(int s)
     Ray_Thread_Stamp[s] = nullptr;
 }
 
-/* Resizes one task table to n entries; false (table unchanged) on failure. */
+/* Resizes one task table to n entries; false (table unchanged) on failure, line being the caller's. */
 static bool table_resize(int** table, int n, const char* name, int line)
 {
-    int* p = static_cast<int*>(dispatch_realloc(*table, static_cast<size_t>(n) * sizeof(int)));
-    if (!p) {
-        Ray_Trace(RAY_TR_ALLOC, "line %-4d of %hs \nmemory error in realloc (var=%hs, dim=%dx%d)", line, SRC_NAME,
-                  name, n, 4);
-        return false;
-    }
+    int* p = static_cast<int*>(Ray_Realloc(*table, static_cast<size_t>(n) * sizeof(int), line, SRC_NAME, name, n, 4));
+    if (!p) return false;
     *table = p;
     return true;
 }
@@ -299,11 +293,10 @@ static bool layout_build(int s, int w, int h, int n)
     Ray_Thread_Level_Nb[s] = levels;
 
     free(Ray_Thread_Seminal_Val[s]);
-    Ray_Thread_Seminal_Val[s] = static_cast<int*>(dispatch_malloc(static_cast<size_t>(levels) * sizeof(int)));
+    Ray_Thread_Seminal_Val[s] = static_cast<int*>(Ray_Malloc(static_cast<size_t>(levels) * sizeof(int), __LINE__,
+                                                             SRC_NAME, "Ray_Thread_Seminal_Val[vol_id]", levels, 4));
     if (!Ray_Thread_Seminal_Val[s]) {
         Ray_Thread_Level_Nb[s] = 0;
-        Ray_Trace(RAY_TR_ALLOC, "line %-4d of %hs \nmemory error in malloc (var=%hs, dim=%dx%d)", __LINE__ - 3,
-                  SRC_NAME, "Ray_Thread_Seminal_Val[vol_id]", levels, 4);
         return false;
     }
     Ray_Layout_Thresholds(w, h, levels, Ray_Thread_Seminal_Val[s]);
@@ -371,7 +364,7 @@ static bool ctrl_start(int s, bool* owed)
             return false;
         }
     }
-    Ray_Thread_Run = 1;
+    Ray_Thread_Run.store(1, std::memory_order_release);
     Ray_Thread_Next[s] = n - 1;
     Ray_Thread_Left[s] = n - 1;
     if (Ray_Thread_Stamp[s] && n > 0) memset(Ray_Thread_Stamp[s], 0xFF, static_cast<size_t>(n));
@@ -443,6 +436,7 @@ unsigned Ray_Thread_Ctrl(void*)
             Ray_Record_Decode(buf + off, &slot, &code);
             if (slot < 0 || slot >= RAY_SLOTS) {
                 Ray_Trace(RAY_TR_ERROR, "-> Ray_Thread_Ctrl(): bad slot %d, request ignored", slot);
+                ctrl_handled.fetch_add(1, std::memory_order_release);
                 continue;
             }
             Critical_Ray_In("Ray_Thread_Ctrl");
@@ -450,6 +444,7 @@ unsigned Ray_Thread_Ctrl(void*)
             Critical_Ray_Out("Ray_Thread_Ctrl");
             if (!ok) return ctrl_end();   /* allocation failure: no exit line */
             ctrl_pay_owed(owed);
+            ctrl_handled.fetch_add(1, std::memory_order_release);
         }
     }
 leave:
@@ -525,7 +520,7 @@ static Ray_Byte_Verdict worker_run(int i, const char* tag, unsigned char* buf)
     unsigned long long bit = 1ull << i;
     Ray_Trace(RAY_TR_RENDER, "-> Ray_Thread_Ray(%d): Start", i);
     for (;;) {
-        /* 1. poll the pipe without blocking: are bytes waiting? */
+        /* Poll the pipe without blocking: are bytes waiting? */
         if (worker_pending[i].load(std::memory_order_acquire) > 0) {
             int n = worker_read(i, buf);
             if (n == 0) return RAY_VERDICT_LEAVE;   /* every writer is gone */
@@ -537,7 +532,7 @@ static Ray_Byte_Verdict worker_run(int i, const char* tag, unsigned char* buf)
             }
         }
 
-        /* 2. to 6. choose a slot and take its next task */
+        /* Choose the slot with most tasks left and take its next task. */
         Critical_Ray_In(tag);
         int next;
         int s = Ray_Choose_Slot(Ray_Thread_Next, &next);
@@ -555,30 +550,33 @@ static Ray_Byte_Verdict worker_run(int i, const char* tag, unsigned char* buf)
         int w = Ray_Thread_W[s][t];
         int h = Ray_Thread_H[s][t];
         int level = task_level(s, t);
-        int bw = static_cast<int>(Ray_Volume.box_w[s]);
-        int bh = static_cast<int>(Ray_Volume.box_h[s]);
-        Ray_Thread_Flight[s]++;
+        /* the binding as one unit: Ray_Start rewrites it under this lock */
+        Ray_View view;
+        Ray_View_Of(s, static_cast<int>(Ray_Volume.box_w[s]), static_cast<int>(Ray_Volume.box_h[s]), &view);
+        Ray_Thread_Flight[s].fetch_add(1, std::memory_order_relaxed);
         Critical_Ray_Out(tag);
 
-        /* 7. cast, without the lock */
-        unsigned int colour = Ray_Dispatch_Pixel.load(std::memory_order_relaxed)(s, x, y, bw, bh);
+        /* Cast, without the lock. */
+        unsigned int colour = Ray_Dispatch_Pixel.load(std::memory_order_relaxed)(s, view, x, y);
 
-        /* 8. count the task, write its block, see which levels it completes */
+        /* Count the task, write its block, note the levels it completes. */
         int levels[32];
         int nb_levels = 0;
         Critical_Ray_In(tag);
-        Ray_Thread_Flight[s]--;
         int old = Ray_Thread_Left[s]--;
         block_fill(s, x, y, w, h, colour, level);
         for (int v = Ray_Thread_Level_Nb[s]; v >= 1 && nb_levels < 32; v--)
             if (old == Ray_Thread_Seminal_Val[s][v - 1]) levels[nb_levels++] = v;
+        draw_owed[s].fetch_add(nb_levels, std::memory_order_relaxed);
+        Ray_Thread_Flight[s].fetch_sub(1, std::memory_order_release);
         Critical_Ray_Out(tag);
 
-        /* 9. one draw record per completed level, coarsest first */
+        /* One draw record per completed level, coarsest first. */
         for (int k = 0; k < nb_levels; k++) {
             unsigned char rec[4];
             Ray_Record_Encode(rec, s, levels[k]);
-            (void)write_patient(Ray_Pipe_Draw[1], rec, 4, &draw_alive, true);
+            if (write_patient(Ray_Pipe_Draw[1], rec, 4, &draw_alive, true) != 4)
+                draw_owed[s].fetch_sub(1, std::memory_order_relaxed);   /* no redraw will come */
         }
     }
 }
@@ -629,6 +627,7 @@ unsigned Ray_Thread_Draw(void*)
             /* Ray_Start may rebind the box meanwhile; the pointer is read whole. */
             Boxs* box = __atomic_load_n(&Ray_Volume.box[slot], __ATOMIC_RELAXED);
             if (box) box->Draw();
+            draw_owed[slot].fetch_sub(1, std::memory_order_release);
         }
     }
 leave:
@@ -638,6 +637,31 @@ leave:
 }
 
 /* ------------------------------------------------------ host-side requests */
+
+/* A pipe of Ray_CPU_Init that could not be made (the call on line): its lines; returns 0. */
+static int init_pipe_failed(unsigned int flags, int line)
+{
+    report_failure(flags, line, k_err_pipe, k_errno_pipe, errno);
+    Ray_Trace(flags, "<<< out Voxelune: Ray_CPU_Init(! pipe)");
+    return 0;
+}
+
+/*
+ * Starts a pipeline thread, its running flag set first; on failure writes
+ * the lines of a thread that could not be started (the call on line) and
+ * returns false.
+ */
+static bool start_thread(Plat_Thread* handle, Plat_Thread_Fn fn, void* arg, std::atomic<int>* alive, int line,
+                         unsigned int flags, const wchar_t* what)
+{
+    alive->store(1);
+    if (Plat_Thread_Start(handle, fn, arg) == 0) return true;
+    int err = errno;
+    alive->store(0);
+    report_failure(flags, line, what, k_errno_thread, err);
+    Ray_Trace(flags, "<<< out Voxelune: Ray_CPU_Init(! thread)");
+    return false;
+}
 
 int Ray_CPU_Init(unsigned short n)
 {
@@ -652,67 +676,42 @@ int Ray_CPU_Init(unsigned short n)
         return 0;
     }
     Ray_Thread_Nb = n;
-    for (int s = 0; s < RAY_SLOTS; s++) Ray_Thread_Next[s] = -1;
-    pipeline_closing.store(0);
-
-    if (make_pipe(Ray_Pipe_Ctrl) != 0 || make_pipe(Ray_Pipe_Draw) != 0) {
-        report_failure(RAY_TR_RENDER, __LINE__, k_err_pipe, k_errno_pipe, errno);
-        Ray_Trace(RAY_TR_RENDER, "<<< out Voxelune: Ray_CPU_Init(! pipe)");
-        return 0;
+    for (int s = 0; s < RAY_SLOTS; s++) {
+        Ray_Thread_Next[s] = -1;
+        draw_owed[s].store(0);
     }
+    pipeline_closing.store(0);
+    ctrl_posted.store(0);
+    ctrl_handled.store(0);
+
+    if (make_pipe(Ray_Pipe_Ctrl) != 0) return init_pipe_failed(RAY_TR_RENDER, __LINE__);
+    if (make_pipe(Ray_Pipe_Draw) != 0) return init_pipe_failed(RAY_TR_RENDER, __LINE__);
 
     Ray_Trace(RAY_TR_RENDER, "Starting ray-tracing ctrl thread");
-    ctrl_alive.store(1);
-    if (Plat_Thread_Start(&Ray_Handle_Ctrl, &Ray_Thread_Ctrl, nullptr) != 0) {
-        int err = errno;
-        ctrl_alive.store(0);
-        report_failure(RAY_TR_RENDER, __LINE__ - 3, k_err_ctrl, k_errno_thread, err);
-        Ray_Trace(RAY_TR_RENDER, "<<< out Voxelune: Ray_CPU_Init(! thread)");
+    if (!start_thread(&Ray_Handle_Ctrl, &Ray_Thread_Ctrl, nullptr, &ctrl_alive, __LINE__, RAY_TR_RENDER, k_err_ctrl))
         return 0;
-    }
     Ray_Trace(RAY_TR_RENDER, " Success starting ray-tracing ctrl thread");
 
     Ray_Trace(RAY_TR_RENDER, "Starting ray-tracing draw thread");
-    draw_alive.store(1);
-    if (Plat_Thread_Start(&Ray_Handle_Draw, &Ray_Thread_Draw, nullptr) != 0) {
-        int err = errno;
-        draw_alive.store(0);
-        report_failure(RAY_TR_RENDER, __LINE__ - 3, k_err_draw, k_errno_thread, err);
-        Ray_Trace(RAY_TR_RENDER, "<<< out Voxelune: Ray_CPU_Init(! thread)");
+    if (!start_thread(&Ray_Handle_Draw, &Ray_Thread_Draw, nullptr, &draw_alive, __LINE__, RAY_TR_RENDER, k_err_draw))
         return 0;
-    }
 
-    Ray_Pipe_Compute = static_cast<int(*)[2]>(dispatch_calloc(n, sizeof *Ray_Pipe_Compute));
-    if (!Ray_Pipe_Compute) {
-        Ray_Trace(RAY_TR_ALLOC, "line %-4d of %hs \nmemory error in calloc (var=%hs, dim=%dx%d)", __LINE__ - 2,
-                  SRC_NAME, "Ray_Pipe_Compute", static_cast<int>(n), 8);
-        return 0;
-    }
-    Ray_Thread_Compute = static_cast<Plat_Thread*>(dispatch_calloc(n, sizeof *Ray_Thread_Compute));
-    if (!Ray_Thread_Compute) {
-        Ray_Trace(RAY_TR_ALLOC, "line %-4d of %hs \nmemory error in calloc (var=%hs, dim=%dx%d)", __LINE__ - 2,
-                  SRC_NAME, "Ray_Thread_Compute", static_cast<int>(n), 8);
-        return 0;
-    }
+    Ray_Pipe_Compute = static_cast<int(*)[2]>(
+        Ray_Calloc(n, sizeof *Ray_Pipe_Compute, __LINE__, SRC_NAME, "Ray_Pipe_Compute", static_cast<int>(n), 8));
+    if (!Ray_Pipe_Compute) return 0;
+    Ray_Thread_Compute = static_cast<Plat_Thread*>(
+        Ray_Calloc(n, sizeof *Ray_Thread_Compute, __LINE__, SRC_NAME, "Ray_Thread_Compute", static_cast<int>(n), 8));
+    if (!Ray_Thread_Compute) return 0;
 
     for (int i = 0; i < n; i++) {
         worker_pending[i].store(0);
-        if (make_pipe(Ray_Pipe_Compute[i]) != 0) {
-            report_failure(RAY_TR_EXPORT, __LINE__, k_err_pipe, k_errno_pipe, errno);
-            Ray_Trace(RAY_TR_EXPORT, "<<< out Voxelune: Ray_CPU_Init(! pipe)");
-            return 0;
-        }
+        if (make_pipe(Ray_Pipe_Compute[i]) != 0) return init_pipe_failed(RAY_TR_EXPORT, __LINE__);
         Ray_Pipe_Made = i + 1;
         Ray_Trace(RAY_TR_EXPORT, "[%02d] Starting ray-tracing thread", i);
-        worker_alive[i].store(1);
         void* arg = reinterpret_cast<void*>(static_cast<uintptr_t>(i));
-        if (Plat_Thread_Start(&Ray_Thread_Compute[i], &Ray_Thread_Ray, arg) != 0) {
-            int err = errno;
-            worker_alive[i].store(0);
-            report_failure(RAY_TR_EXPORT, __LINE__ - 3, k_err_ray, k_errno_thread, err);
-            Ray_Trace(RAY_TR_EXPORT, "<<< out Voxelune: Ray_CPU_Init(! thread)");
+        if (!start_thread(&Ray_Thread_Compute[i], &Ray_Thread_Ray, arg, &worker_alive[i], __LINE__, RAY_TR_EXPORT,
+                          k_err_ray))
             return 0;
-        }
         Ray_Thread_Started = i + 1;
         Ray_Trace(RAY_TR_EXPORT, "[%02d] Success starting ray-tracing thread", i);
     }
@@ -720,10 +719,17 @@ int Ray_CPU_Init(unsigned short n)
     return 1;
 }
 
-/* A control or draw record that did not go through whole: the three lines. */
-static void report_short_write(int line, int err)
+/*
+ * Writes a control or draw record to a write end whose reader is *reader,
+ * waiting for room while the reader runs; a short write is reported with
+ * line, the caller's.  Returns what the write returned.
+ */
+static int post_record(int fd, const unsigned char* rec, const std::atomic<int>* reader, int line)
 {
-    report_failure(RAY_TR_RENDER, line, k_err_write, k_errno_pipe, err);
+    errno = 0;
+    int r = write_patient(fd, rec, 4, reader, false);
+    if (r < 4) report_failure(RAY_TR_RENDER, line, k_err_write, k_errno_pipe, r < 0 ? errno : EAGAIN);
+    return r;
 }
 
 int Ray_CPU_Start(unsigned short slot)
@@ -732,9 +738,7 @@ int Ray_CPU_Start(unsigned short slot)
     unsigned char rec[4];
     Ray_Record_Encode(rec, slot, RAY_CTRL_START);
     /* A full control pipe empties as long as the control thread runs. */
-    errno = 0;
-    int r = write_patient(Ray_Pipe_Ctrl[1], rec, 4, &ctrl_alive, false);
-    if (r < 4) report_short_write(__LINE__ - 1, r < 0 ? errno : EAGAIN);
+    if (post_record(Ray_Pipe_Ctrl[1], rec, &ctrl_alive, __LINE__) == 4) ctrl_posted.fetch_add(1);
     Ray_Trace(RAY_TR_RENDER, "<<< out Voxelune: Ray_CPU_Start(done)");
     return 1;
 }
@@ -750,23 +754,55 @@ void Wait_For_Threads()
     }
 }
 
+/*
+ * Lets the control thread handle every start record posted so far, so
+ * that a stop stops what they start instead of being overtaken by them.
+ * Takes no lock: the control thread needs it to handle them.
+ */
+static void settle_requests()
+{
+    unsigned posted = ctrl_posted.load();
+    while (ctrl_alive.load() && static_cast<int>(ctrl_handled.load(std::memory_order_acquire) - posted) < 0)
+        Plat_Sleep(1);
+}
+
+/* Redraws a stop waits for at most, in 1 ms steps: the host's Draw is not ours to wait for without end. */
+#define RAY_STOP_DRAW_WAIT_MS 2000
+
+/*
+ * After a stop of slots first to last: waits until no ray of them is in
+ * flight (their pixels written) and their redraws asked for are made.
+ * Afterwards no ray of these slots runs and no level of them completes.
+ */
+static void settle_slots(int first, int last)
+{
+    for (int s = first; s <= last; s++)
+        while (Ray_Thread_Flight[s].load(std::memory_order_acquire) > 0) Plat_Sleep(1);
+    for (int s = first, k = 0; s <= last; s++)
+        while (draw_alive.load() && draw_owed[s].load(std::memory_order_acquire) > 0 && k++ < RAY_STOP_DRAW_WAIT_MS)
+            Plat_Sleep(1);
+}
+
 int Ray_CPU_Stop(unsigned short slot)
 {
     Ray_Trace(RAY_TR_RENDER, ">>> in  Voxelune: Ray_CPU_Stop()");
     if (slot >= 1 && slot < RAY_SLOTS) {
+        settle_requests();
         Critical_Ray_In("Ray_CPU_Stop");
         Ray_Thread_Next[slot] = -1;
         Ray_Thread_Left[slot] = -1;
         Critical_Ray_Out("Ray_CPU_Stop");
         Plat_Sleep(100);
+        settle_slots(slot, slot);
     } else if (slot == 0) {
         if (!Ray_Pipe_Compute) {
             Ray_Trace(RAY_TR_RENDER, "<<< out Voxelune: Ray_CPU_Stop(done)");
             return 1;
         }
+        settle_requests();
         Critical_Ray_In("Ray_CPU_Stop");
         for (int s = 0; s < RAY_SLOTS; s++) Ray_Thread_Next[s] = -1;
-        Ray_Thread_Run = 0;
+        Ray_Thread_Run.store(0, std::memory_order_release);
         /*
          * A stop byte that finds its pipe full is dropped: the worker has
          * bytes enough to read, and with every counter at -1 it finds no
@@ -776,6 +812,7 @@ int Ray_CPU_Stop(unsigned short slot)
         Critical_Ray_Out("Ray_CPU_Stop");
         Wait_For_Threads();
         Plat_Sleep(100);
+        settle_slots(0, RAY_SLOTS - 1);
     } else {
         Plat_Sleep(100);
     }
@@ -799,15 +836,9 @@ int Ray_CPU_Exit()
     pipeline_closing.store(1);
 
     /* Leave records, to the threads that run; each waits for room while its reader runs. */
-    if (Ray_Handle_Ctrl.handle) {
-        int r = write_patient(Ray_Pipe_Ctrl[1], leave_rec, 4, &ctrl_alive, false);
-        if (r < 4) report_short_write(__LINE__ - 1, r < 0 ? errno : EAGAIN);
-    }
+    if (Ray_Handle_Ctrl.handle) (void)post_record(Ray_Pipe_Ctrl[1], leave_rec, &ctrl_alive, __LINE__);
     for (int i = 0; i < Ray_Thread_Started; i++) (void)worker_write(i, RAY_BYTE_LEAVE, true, false);
-    if (Ray_Handle_Draw.handle) {
-        int r = write_patient(Ray_Pipe_Draw[1], leave_rec, 4, &draw_alive, false);
-        if (r < 4) report_short_write(__LINE__ - 1, r < 0 ? errno : EAGAIN);
-    }
+    if (Ray_Handle_Draw.handle) (void)post_record(Ray_Pipe_Draw[1], leave_rec, &draw_alive, __LINE__);
     Plat_Sleep(100);
 
     /* Every thread has ended before a pipe is closed or a table released. */
@@ -828,7 +859,8 @@ int Ray_CPU_Exit()
     for (int s = 0; s < RAY_SLOTS; s++) {
         Ray_Thread_Next[s] = -1;
         Ray_Thread_Left[s] = -1;
-        Ray_Thread_Flight[s] = 0;
+        Ray_Thread_Flight[s].store(0);
+        draw_owed[s].store(0);
         /* the control thread released them, unless it ended early */
         layout_release(s);
     }

@@ -14,6 +14,7 @@
 
 #include "core/platform.h"
 #include "core/ray_state.h"
+#include "cpu/ray_pixel.h"
 
 #define RAY_MAX_WORKERS 64
 #define RAY_PIPE_SIZE 128     /* requested buffer of every pipe */
@@ -49,7 +50,7 @@ extern unsigned long long Ray_Thread_Busy;   /* bit i: worker i is working */
 extern int Ray_Thread_Next[RAY_SLOTS];       /* next task to hand out; < 0: none */
 extern int Ray_Thread_Left[RAY_SLOTS];       /* count-down of finished tasks */
 /* Tasks of each slot handed out and not yet written back. */
-extern int Ray_Thread_Flight[RAY_SLOTS];
+extern std::atomic<int> Ray_Thread_Flight[RAY_SLOTS];
 
 /* ---- per-slot task layout (written by the control thread, under the lock) ---- */
 
@@ -110,11 +111,8 @@ void Ray_Record_Decode(const unsigned char* rec, int* slot, int* code);
 
 /* ---- hooks for tests and benchmarks ---- */
 
-/* The ray a worker casts; Ray_Pixel unless a test installs another. */
-typedef unsigned int (*Ray_Pixel_Fn)(int slot, int i, int j, int w, int h);
+/* The ray a worker casts; Ray_Pixel_View unless a test installs another. */
+typedef unsigned int (*Ray_Pixel_Fn)(int slot, const Ray_View& view, int i, int j);
 extern std::atomic<Ray_Pixel_Fn> Ray_Dispatch_Pixel;
-
-/* The n-th next allocation of the pipeline (counting from 1) fails; 0 disables. */
-extern std::atomic<int> Ray_Dispatch_Fail_Alloc_At;
 
 #endif

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "core/ray_state.h"
+#include "cpu/ray_render_layout.h"
 
 struct Scene_Phantom {
     int dim[3] = {0, 0, 0};
@@ -112,8 +113,13 @@ inline void Scene_Sphere(Scene_Phantom& p, int dim_x, int dim_y, int dim_z)
     Scene_Gradient(p);
 }
 
-/* Points slot's volume tables at the phantom (as a CPU registration would). */
-inline void Scene_Install(int slot, Scene_Phantom& p)
+/*
+ * Points slot's volume tables at the phantom and builds its render layout
+ * (as a CPU registration would).  The separate gradient arrays stay in the
+ * slot too, for the plain walk (Ray_Scene_Slot); the CPU renderer reads
+ * the layout.  With layout false the slot has the arrays alone.
+ */
+inline void Scene_Install(int slot, Scene_Phantom& p, bool layout = true)
 {
     Ray_Volume.dim_x[slot] = p.dim[0];
     Ray_Volume.dim_y[slot] = p.dim[1];
@@ -122,6 +128,9 @@ inline void Scene_Install(int slot, Scene_Phantom& p)
     Ray_Volume.tag[slot] = p.tag.data();
     Ray_Volume.grad[slot] = p.grad;
     Ray_Volume.use_cuda[slot] = 0;
+    Ray_Render_Layout_Release(Ray_Volume.render[slot]);
+    Ray_Volume.render[slot] =
+        layout ? Ray_Render_Layout_Build(p.dim[0], p.dim[1], p.dim[2], p.gli.data(), p.grad) : nullptr;
 }
 
 /* Clears what Scene_Install set. */
@@ -130,6 +139,8 @@ inline void Scene_Uninstall(int slot)
     Ray_Volume.gli[slot] = nullptr;
     Ray_Volume.tag[slot] = nullptr;
     Ray_Volume.grad[slot] = nullptr;
+    Ray_Render_Layout_Release(Ray_Volume.render[slot]);
+    Ray_Volume.render[slot] = nullptr;
 }
 
 /*

@@ -14,7 +14,7 @@
 #include <voxelune/voxelune.h>
 
 #include "core/ray_device_pixel.h"
-#include "core/ray_pixel.h"
+#include "cpu/ray_pixel.h"
 #include "core/ray_state.h"
 #include "gpu/ray_cuda_check.h"
 #include "gpu/ray_gradient.h"

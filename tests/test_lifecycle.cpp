@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "core/ray_pixel.h"
+#include "cpu/ray_pixel.h"
 #include "cpu/ray_dispatch.h"
 #include "cpu/ray_dispatch_state.h"
 #include "scene.h"
@@ -77,7 +77,7 @@ void expect_frame(int s, Boxs& box)
     EXPECT_GT(values.size(), 50u);   /* a shaded picture, not an empty one */
 }
 
-unsigned int flat_pixel(int, int, int, int, int) { return 0xFF000000u; }
+unsigned int flat_pixel(int, const Ray_View&, int, int) { return 0xFF000000u; }
 
 }  // namespace
 
@@ -245,7 +245,7 @@ TEST(Lifecycle, StartBindsTheSlot)
     EXPECT_TRUE(found);
     Scene_Uninstall(5);
     Ray_Exit();
-    Ray_Dispatch_Pixel = &Ray_Pixel;
+    Ray_Dispatch_Pixel = &Ray_Pixel_View;
 }
 
 /* Whole frames with 1 and 3 workers: one redraw per level, the image equals Ray_Pixel. */

@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "core/ray_pixel.h"
+#include "cpu/ray_pixel.h"
 #include "cpu/ray_dispatch.h"
 #include "cpu/ray_dispatch_state.h"
 #include "support.h"
@@ -52,7 +52,7 @@ bool held = false, released = false;
 
 unsigned int colour(int s, int x, int y) { return 0x80000000u | (s << 24) | (y << 12) | x; }
 
-unsigned int fake_pixel(int s, int x, int y, int, int)
+unsigned int fake_pixel(int s, const Ray_View&, int x, int y)
 {
     int c = ++cast_count;
     if (c == hold_at.load()) {
@@ -490,7 +490,7 @@ TEST_F(Pipeline, InitFailuresAreUndone)
         trace.clear();
         Plat_Fail_Pipe_At = c.pipe_at;
         Plat_Fail_Thread_At = c.thread_at;
-        Ray_Dispatch_Fail_Alloc_At = c.alloc_at;
+        Ray_Fail_Alloc_At = c.alloc_at;
         EXPECT_EQ(Ray_CPU_Init(4), 0);
         if (c.alloc_at) {
             EXPECT_EQ(trace.count(c.alloc_at == 1 ? "memory error in calloc (var=Ray_Pipe_Compute, dim=4x8)"
@@ -522,7 +522,7 @@ TEST_F(Pipeline, ControlAllocationFailure)
     ASSERT_EQ(Ray_CPU_Init(2), 1);
     Watched_Box& wb = box(100, 100);
     bind(4, wb.box);
-    Ray_Dispatch_Fail_Alloc_At = 4;   /* thresholds, then I, J, W: the W table */
+    Ray_Fail_Alloc_At = 4;   /* thresholds, then I, J, W: the W table */
     Ray_CPU_Start(4);
     eventually([&] { return trace.count("memory error in realloc") > 0; });
     EXPECT_EQ(trace.count("memory error in realloc (var=Ray_Thread_W[vol_id], dim=10000x4)"), 1u);

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "core/ray_core.h"
-#include "core/ray_pixel.h"
+#include "cpu/ray_pixel.h"
 #include "core/ray_state.h"
 #include "scene.h"
 #include "support.h"

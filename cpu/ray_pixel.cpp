@@ -1,0 +1,288 @@
+/*
+ * ray_pixel.cpp - the CPU renderer's side of the ray core: a scene from
+ * the slot tables and the render parameters, the stop request of the
+ * pipeline, the sampler over a slot's render layout, and one pixel from
+ * set-up to packed word.
+ */
+#include "cpu/ray_pixel.h"
+
+#include <cstddef>
+#include <cstring>
+#if defined(__SSE2__)
+#include <immintrin.h>
+#endif
+
+#include "core/ray_state.h"
+#include "cpu/ray_render_layout.h"
+
+static_assert(sizeof(Vector_4) == 4 * sizeof(float), "light directions are read with a stride of 4 floats");
+
+/*
+ * The Phong table that Ray_Init builds; before it (or after Ray_Exit) a
+ * private copy built by the same rule, so that a pixel never reads null.
+ */
+static const unsigned int* phong_table_now()
+{
+    const unsigned int* t = Phong_table;
+    if (t) return t;
+    static const struct Fallback {
+        unsigned int table[RAY_PHONG_SIZE];
+        Fallback() { Ray_Phong_Build(table); }
+    } fallback;
+    return fallback.table;
+}
+
+/* The render parameters of a scene, as Ray_Params holds them now. */
+static void scene_params(Ray_Scene* sc, float threshold)
+{
+    sc->threshold = threshold;
+    sc->col_mode = Ray_Params.col_mode;
+    sc->map_nb = Ray_Params.map_nb;
+    sc->map_col = Ray_Params.map_col;
+    sc->map_id = Ray_Params.map_id;
+    sc->tag_col = Ray_Params.tag_col;
+    sc->light_nb = Ray_Params.light_nb;
+    sc->light_status = Ray_Params.light_status;
+    sc->light_color = Ray_Params.light_color;
+    sc->light_dir_x = &Ray_Params.light_dir[0].x;
+    sc->light_dir_y = &Ray_Params.light_dir[0].y;
+    sc->light_dir_z = &Ray_Params.light_dir[0].z;
+    sc->light_stride = 4;
+    sc->phong = phong_table_now();
+}
+
+/* The scene of slot with the clip box cb, the walk's threshold and depth clip. */
+static void scene_of(Ray_Scene* sc, int slot, const int* cb, float threshold, float clip)
+{
+    sc->dim[0] = Ray_Volume.dim_x[slot];
+    sc->dim[1] = Ray_Volume.dim_y[slot];
+    sc->dim[2] = Ray_Volume.dim_z[slot];
+    sc->gli = Ray_Volume.gli[slot];
+    sc->tag = Ray_Volume.tag[slot];
+    float** grad = Ray_Volume.grad[slot];
+    sc->grad_a = grad ? grad[0] : nullptr;
+    sc->grad_x = grad ? grad[1] : nullptr;
+    sc->grad_y = grad ? grad[2] : nullptr;
+    sc->grad_z = grad ? grad[3] : nullptr;
+    sc->clip = clip;
+    sc->vol_flag = Ray_Volume.vol_flag[slot];
+    for (int a = 0; a < 3; a++) {
+        sc->clip_lo[a] = cb[2 * a];
+        sc->clip_hi[a] = cb[2 * a + 1];
+    }
+    scene_params(sc, threshold);
+}
+
+void Ray_Scene_Slot(Ray_Scene* sc, int slot, float threshold, float clip)
+{
+    scene_of(sc, slot, Ray_Volume.clip_box[slot], threshold, clip);
+}
+
+/* ------------------------------------------------------------ stop request */
+
+/* The run flag under the library lock, with its two trace lines. */
+struct Ray_Run_Locked {
+    bool operator()() const
+    {
+        Critical_Ray_In("DDDA_Volume");
+        int run = Ray_Thread_Run.load(std::memory_order_relaxed);
+        Critical_Ray_Out("DDDA_Volume");
+        return run != 0;
+    }
+};
+
+/* The run flag alone: the lock would add nothing but lines nobody reads. */
+struct Ray_Run_Atomic {
+    bool operator()() const { return Ray_Thread_Run.load(std::memory_order_acquire) != 0; }
+};
+
+/* ---------------------------------------------------- the layout sampler */
+
+/*
+ * The five channels of a stencil whose eight corners all lie in the
+ * volume, summed corner by corner: out[ch] = the sum over the corners, in
+ * order, whose value is not NaN, of value * wx * wy * wz.  On x86-64 four
+ * channels go through one SSE register (the fifth through the low lane of
+ * a second); elsewhere channel by channel.  Either way each channel sees
+ * exactly the float operations of the plain interpolation.
+ */
+#if defined(__SSE2__)
+static inline __m128 add_unless_nan(__m128 sum, __m128 v, __m128 p)
+{
+    __m128 keep = _mm_cmpord_ps(v, v);   /* all ones where v is not NaN */
+    return _mm_or_ps(_mm_and_ps(keep, _mm_add_ps(sum, p)), _mm_andnot_ps(keep, sum));
+}
+
+static void interp_full(const float* vox, const Ray_Stencil& st, float* out)
+{
+    __m128 s4 = _mm_setzero_ps(), s1 = _mm_setzero_ps();
+    for (int c = 0; c < 8; c++) {
+        const float* at = vox + static_cast<size_t>(static_cast<unsigned int>(st.index[c])) * RAY_CH_NB;
+        __m128 wx = _mm_set1_ps(st.wx[c & 1]), wy = _mm_set1_ps(st.wy[(c >> 1) & 1]), wz = _mm_set1_ps(st.wz[c >> 2]);
+        __m128 v4 = _mm_loadu_ps(at);
+        __m128 v1 = _mm_load_ss(at + 4);
+        s4 = add_unless_nan(s4, v4, _mm_mul_ps(_mm_mul_ps(_mm_mul_ps(v4, wx), wy), wz));
+        s1 = add_unless_nan(s1, v1, _mm_mul_ss(_mm_mul_ss(_mm_mul_ss(v1, wx), wy), wz));
+    }
+    _mm_storeu_ps(out, s4);
+    _mm_store_ss(out + 4, s1);
+}
+#else
+static void interp_full(const float* vox, const Ray_Stencil& st, float* out)
+{
+    for (int ch = 0; ch < RAY_CH_NB; ch++) {
+        float sum = 0.0f;
+        for (int c = 0; c < 8; c++) {
+            size_t at = static_cast<size_t>(static_cast<unsigned int>(st.index[c])) * RAY_CH_NB + ch;
+            Ray_Interp_Add<RAY_CPU>(sum, vox[at], st.wx[c & 1], st.wy[(c >> 1) & 1], st.wz[c >> 2]);
+        }
+        out[ch] = sum;
+    }
+}
+#endif
+
+/*
+ * The samples of a slot with a render layout.  Every channel is summed
+ * over the same corners in the same order and with the same float
+ * operations as the plain sampler does, five channels at once; corners
+ * outside the volume and NaN values are left out as there.  Bounds of the
+ * block that holds the sample's voxel tell when its opacity must be 0.
+ */
+struct Ray_Layout_Sampler {
+    const Ray_Scene& sc;
+    const Ray_Render_Layout& L;
+    float val[8];
+
+    Ray_Layout_Sampler(const Ray_Scene& scene, const Ray_Render_Layout& layout) : sc(scene), L(layout) {}
+
+    bool missing() const { return false; }
+
+    bool bound(const float* pos, float* a_hi, float* g_hi) const
+    {
+        /* Weights lie in [0, 1] only for points at or above 0. */
+        if (!(pos[0] >= 0.0f && pos[1] >= 0.0f && pos[2] >= 0.0f)) return false;
+        int n[3];
+        for (int a = 0; a < 3; a++) {
+            n[a] = Ray_F2I<RAY_CPU>(pos[a]);
+            if (n[a] < 0 || n[a] >= L.dim[a]) return false;
+        }
+        size_t b = (static_cast<size_t>(n[2] >> RAY_BLOCK_SHIFT) * static_cast<size_t>(L.bdim[1]) +
+                    static_cast<size_t>(n[1] >> RAY_BLOCK_SHIFT)) *
+                       static_cast<size_t>(L.bdim[0]) +
+                   static_cast<size_t>(n[0] >> RAY_BLOCK_SHIFT);
+        *a_hi = L.block[b].a_hi;
+        *g_hi = L.block[b].g_hi;
+        return true;
+    }
+
+    void at(const float* pos)
+    {
+        Ray_Stencil st;
+        Ray_Interp_Setup<RAY_CPU>(&st, pos, L.dim);
+        const float* vox = L.voxel;
+        if (st.valid == 0xFFu) {
+            interp_full(vox, st, val);
+            return;
+        }
+        /* Near the faces: corner by corner, as the plain sampler. */
+        for (int ch = 0; ch < RAY_CH_NB; ch++) {
+            float sum = 0.0f;
+            for (int c = 0; c < 8; c++) {
+                if (!(st.valid & (1u << c))) continue;
+                size_t at = static_cast<size_t>(static_cast<unsigned int>(st.index[c])) * RAY_CH_NB + ch;
+                Ray_Interp_Add<RAY_CPU>(sum, vox[at], st.wx[c & 1], st.wy[(c >> 1) & 1], st.wz[c >> 2]);
+            }
+            val[ch] = sum;
+        }
+    }
+
+    float a() const { return val[RAY_CH_A]; }
+    float g() const { return val[RAY_CH_G]; }
+    void normal(float* n) const
+    {
+        n[0] = val[RAY_CH_X];
+        n[1] = val[RAY_CH_Y];
+        n[2] = val[RAY_CH_Z];
+    }
+};
+
+/* ------------------------------------------------------------ one pixel */
+
+/*
+ * Calls fn(run, smp) with the stop request and the sampler that slot's
+ * rays use now: the slot's render layout when it has one, the run flag
+ * under the lock only while a trace sink listens.
+ */
+template <class Fn>
+static unsigned int with_policies(int slot, const Ray_Scene& sc, Fn fn)
+{
+    const Ray_Render_Layout* layout = Ray_Volume.render[slot];
+    bool listening = Corekit_Trace_Listening() != 0;
+    Ray_Run_Locked locked;
+    Ray_Run_Atomic atomic;
+    if (layout) {
+        Ray_Layout_Sampler smp(sc, *layout);
+        return listening ? fn(locked, smp) : fn(atomic, smp);
+    }
+    Ray_Plain_Sampler<RAY_CPU> smp(sc);
+    return listening ? fn(locked, smp) : fn(atomic, smp);
+}
+
+void Ray_View_Of(int slot, int w, int h, Ray_View* view)
+{
+    std::array<float, 16> m = Ray_Volume.transfo[slot].to_float();
+    for (int k = 0; k < 16; k++) view->m[k] = m[static_cast<size_t>(k)];
+    for (int k = 0; k < 6; k++) view->clip_box[k] = Ray_Volume.clip_box[slot][k];
+    view->w = w;
+    view->h = h;
+}
+
+unsigned int Ray_Pixel_View(int slot, const Ray_View& view, int i, int j)
+{
+    if (slot < 0 || slot >= RAY_SLOTS) {
+        Ray_Trace(RAY_TR_ERROR, "Ray_Pixel: slot %d out of range", slot);
+        return 0;
+    }
+
+    /* The ray through the pixel, jittered by two draws. */
+    float r1 = Fct_Random_Float();
+    float r2 = Fct_Random_Float();
+    float eye[3], d[3], inv_len;
+    Ray_Pixel_Ray(view.m, i, j, view.w, view.h, r1, r2, eye, d, &inv_len);
+    Vector_4 dir(d[0], d[1], d[2], 0.0f);
+    dir *= inv_len;
+    const float unit[3] = {dir.x, dir.y, dir.z};
+
+    /* Entry, set-up and walk through the slot's volume, threshold and depth clip. */
+    Ray_Scene sc;
+    scene_of(&sc, slot, view.clip_box, Ray_Params.threshold, Ray_Volume.clip[slot]);
+    return with_policies(slot, sc, [&](auto& run, auto& smp) { return Ray_Cast<RAY_CPU>(eye, unit, sc, run, smp); });
+}
+
+unsigned int Ray_Pixel(int slot, int i, int j, int W, int H)
+{
+    if (slot < 0 || slot >= RAY_SLOTS) {
+        Ray_Trace(RAY_TR_ERROR, "Ray_Pixel: slot %d out of range", slot);
+        return 0;
+    }
+    Ray_View view;
+    Ray_View_Of(slot, W, H, &view);
+    return Ray_Pixel_View(slot, view, i, j);
+}
+
+/* ------------------------------------------------ the walk's CPU forms */
+
+unsigned int Ray_DDDA_Walk(Rays* ray, int slot, float threshold, float clip)
+{
+    if (slot < 0 || slot >= RAY_SLOTS) return 0;
+    Ray_Scene sc;
+    Ray_Scene_Slot(&sc, slot, threshold, clip);
+    return with_policies(slot, sc, [&](auto& run, auto& smp) { return Ray_DDDA_Walk<RAY_CPU>(ray, sc, run, smp); });
+}
+
+Color Ray_DDDA_Shade(Rays* ray, unsigned int c, float* n, unsigned char flags)
+{
+    Ray_Scene sc = {};
+    scene_params(&sc, Ray_Params.threshold);
+    return Ray_DDDA_Shade(ray, Ray_Color_Of(c), n, flags, sc);
+}

@@ -1,0 +1,172 @@
+/*
+ * ray_render_layout.cpp - building a CPU slot's render layout: the
+ * interleaved channels and the per-block bounds.
+ */
+#include "cpu/ray_render_layout.h"
+
+#include <cfloat>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "core/ray_state.h"
+
+/* Allocation failures at registration name their source as "ray_init". */
+#define RAY_SRC "ray_init"
+
+/* Values above this could overflow a sum of eight weighted corners. */
+static const float k_huge = 1.0e37f;
+
+namespace {
+
+/* What the bounds need of a set of voxels (NaN values do not count). */
+struct Stat {
+    float g_max = 0.0f;   /* max(0, grey levels) */
+    float g_abs = 0.0f;   /* max |grey level| */
+    float a_min = 0.0f;   /* min(0, magnitudes) */
+    float a_max = 0.0f;   /* max(0, magnitudes) */
+    float a_abs = 0.0f;
+
+    /* NaN compares false: it changes nothing. */
+    static void up(float& m, float v) { m = v > m ? v : m; }
+    static void down(float& m, float v) { m = v < m ? v : m; }
+    void add(float g, float a)
+    {
+        up(g_max, g);
+        up(g_abs, g < 0.0f ? -g : g);
+        down(a_min, a);
+        up(a_max, a);
+        up(a_abs, a < 0.0f ? -a : a);
+    }
+    void add(const Stat& o)
+    {
+        up(g_max, o.g_max);
+        up(g_abs, o.g_abs);
+        down(a_min, o.a_min);
+        up(a_max, o.a_max);
+        up(a_abs, o.a_abs);
+    }
+};
+
+/* Voxel range [lo, hi) of block b's stencils along an axis of n voxels: the block and one voxel either side. */
+void support(int b, int n, int* lo, int* hi)
+{
+    int first = (b << RAY_BLOCK_SHIFT) - 1;
+    int last = ((b + 1) << RAY_BLOCK_SHIFT) + 1;
+    *lo = first < 0 ? 0 : first;
+    *hi = last > n ? n : last;
+}
+
+/*
+ * The bounds of a block from the statistics of its stencils' voxels.  A
+ * sample's grey level is a sum of at most eight corners whose weights lie
+ * in [0, 1] and add up to at most 1 (plus rounding): it stays below the
+ * largest positive corner plus a rounding margin of 2^-16 of the largest
+ * magnitude, far above what the float products and sums can add.
+ */
+Ray_Block_Bound bound_of(const Stat& st)
+{
+    Ray_Block_Bound b = {INFINITY, INFINITY};
+    if (st.a_min < 0.0f || !(st.g_abs <= k_huge) || !(st.a_abs <= k_huge)) return b;
+    b.a_hi = st.a_max;
+    double g = static_cast<double>(st.g_max) + static_cast<double>(st.g_abs) * (1.0 / 65536.0);
+    float gf = static_cast<float>(g);
+    b.g_hi = std::nextafter(gf, INFINITY);
+    return b;
+}
+
+}  // namespace
+
+/*
+ * Block bounds by separable maxima: rows of x blocks per voxel row, then
+ * y blocks per slice, then z blocks; each step widens by one voxel.
+ */
+static void build_bounds(Ray_Render_Layout* L, const float* gli, const float* grad_a)
+{
+    const int dx = L->dim[0], dy = L->dim[1], dz = L->dim[2];
+    const int bx = L->bdim[0], by = L->bdim[1], bz = L->bdim[2];
+    std::vector<Stat> rows(static_cast<size_t>(dy) * bx);     /* one slice: per voxel row, per x block */
+    std::vector<Stat> slices(static_cast<size_t>(dz) * by * bx);  /* per slice, per y block, per x block */
+    for (int z = 0; z < dz; z++) {
+        for (int y = 0; y < dy; y++) {
+            size_t row = (static_cast<size_t>(z) * dy + y) * dx;
+            for (int b = 0; b < bx; b++) {
+                int lo, hi;
+                support(b, dx, &lo, &hi);
+                Stat st;
+                for (int x = lo; x < hi; x++) st.add(gli[row + x], grad_a[row + x]);
+                rows[static_cast<size_t>(y) * bx + b] = st;
+            }
+        }
+        for (int b = 0; b < by; b++) {
+            int lo, hi;
+            support(b, dy, &lo, &hi);
+            for (int c = 0; c < bx; c++) {
+                Stat st;
+                for (int y = lo; y < hi; y++) st.add(rows[static_cast<size_t>(y) * bx + c]);
+                slices[(static_cast<size_t>(z) * by + b) * bx + c] = st;
+            }
+        }
+    }
+    for (int b = 0; b < bz; b++) {
+        int lo, hi;
+        support(b, dz, &lo, &hi);
+        for (int r = 0; r < by * bx; r++) {
+            Stat st;
+            for (int z = lo; z < hi; z++) st.add(slices[static_cast<size_t>(z) * by * bx + r]);
+            L->block[static_cast<size_t>(b) * by * bx + r] = bound_of(st);
+        }
+    }
+}
+
+Ray_Render_Layout* Ray_Render_Layout_Build(int dx, int dy, int dz, const float* gli, float* const* grad)
+{
+    if (dx <= 0 || dy <= 0 || dz <= 0 || !gli || !grad || !grad[0] || !grad[1] || !grad[2] || !grad[3])
+        return nullptr;
+    size_t n = static_cast<size_t>(dx) * dy * dz;
+    auto* L = static_cast<Ray_Render_Layout*>(
+        Ray_Calloc(1, sizeof(Ray_Render_Layout), __LINE__, RAY_SRC, "Ray_Render_Layout", 1, 1));
+    if (!L) return nullptr;
+    L->dim[0] = dx;
+    L->dim[1] = dy;
+    L->dim[2] = dz;
+    for (int a = 0; a < 3; a++) L->bdim[a] = ((L->dim[a] - 1) >> RAY_BLOCK_SHIFT) + 1;
+    size_t nb = static_cast<size_t>(L->bdim[0]) * L->bdim[1] * L->bdim[2];
+    L->voxel = static_cast<float*>(Ray_Malloc((n * RAY_CH_NB + RAY_LAYOUT_PAD) * sizeof(float), __LINE__, RAY_SRC,
+                                              "Ray_Render_Layout.voxel", static_cast<int>(n), 4 * RAY_CH_NB));
+    if (L->voxel)
+        L->block = static_cast<Ray_Block_Bound*>(Ray_Malloc(nb * sizeof(Ray_Block_Bound), __LINE__, RAY_SRC,
+                                                            "Ray_Render_Layout.block", static_cast<int>(nb), 8));
+    if (!L->block) {
+        Ray_Render_Layout_Release(L);
+        return nullptr;
+    }
+    float* v = L->voxel;
+    for (size_t i = 0; i < n; i++, v += RAY_CH_NB) {
+        v[RAY_CH_G] = gli[i];
+        v[RAY_CH_A] = grad[0][i];
+        v[RAY_CH_X] = grad[1][i];
+        v[RAY_CH_Y] = grad[2][i];
+        v[RAY_CH_Z] = grad[3][i];
+    }
+    for (int k = 0; k < RAY_LAYOUT_PAD; k++) v[k] = 0.0f;
+    build_bounds(L, gli, grad[0]);
+    return L;
+}
+
+void Ray_Render_Layout_Release(Ray_Render_Layout* L)
+{
+    if (!L) return;
+    free(L->voxel);
+    free(L->block);
+    free(L);
+}
+
+size_t Ray_Render_Layout_Bytes(const Ray_Render_Layout* L)
+{
+    if (!L) return 0;
+    size_t n = static_cast<size_t>(L->dim[0]) * L->dim[1] * L->dim[2];
+    size_t nb = static_cast<size_t>(L->bdim[0]) * L->bdim[1] * L->bdim[2];
+    return sizeof *L + (n * RAY_CH_NB + RAY_LAYOUT_PAD) * sizeof(float) + nb * sizeof(Ray_Block_Bound);
+}

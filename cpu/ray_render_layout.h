@@ -1,0 +1,53 @@
+/*
+ * ray_render_layout.h - what a CPU slot renders from, built when the
+ * volume is registered.
+ *
+ * The five channels that a sample interpolates (grey level, gradient
+ * magnitude, unit gradient x, y, z) lie side by side per voxel, so one
+ * trilinear stencil touches a few cache lines instead of forty scattered
+ * words.  Per block of 4 x 4 x 4 voxels, bounds of the grey level and the
+ * gradient magnitude over every stencil a sample in the block can use let
+ * the walk see, before it interpolates, that a sample cannot add anything.
+ */
+#ifndef VOXELUNE_CPU_RAY_RENDER_LAYOUT_H
+#define VOXELUNE_CPU_RAY_RENDER_LAYOUT_H
+
+#include <cstddef>
+
+/* Channels of a voxel, in this order. */
+enum { RAY_CH_G = 0, RAY_CH_A = 1, RAY_CH_X = 2, RAY_CH_Y = 3, RAY_CH_Z = 4, RAY_CH_NB = 5 };
+/* Floats read past the last voxel by the eight-wide loads. */
+#define RAY_LAYOUT_PAD 3
+/* log2 of the block side. */
+#define RAY_BLOCK_SHIFT 2
+
+/*
+ * Bounds over the stencils of the samples whose voxel (the integer part
+ * of the sample point) lies in the block: every interpolated grey level
+ * is at most g_hi and every interpolated magnitude lies in [0, a_hi], both
+ * finite.  +inf where the block's values allow no such statement (an
+ * infinite or huge value, a negative magnitude).
+ */
+struct Ray_Block_Bound {
+    float a_hi;
+    float g_hi;
+};
+
+struct Ray_Render_Layout {
+    int dim[3];
+    int bdim[3];               /* blocks per axis */
+    float* voxel;              /* RAY_CH_NB floats per voxel, then RAY_LAYOUT_PAD */
+    Ray_Block_Bound* block;    /* bdim[0] * bdim[1] * bdim[2], x fastest */
+};
+
+/*
+ * Builds the layout of a dx x dy x dz volume from its grey levels and
+ * gradient block (grad_a, grad_x, grad_y, grad_z); null when memory runs
+ * out (the allocation-failure line is written).
+ */
+Ray_Render_Layout* Ray_Render_Layout_Build(int dx, int dy, int dz, const float* gli, float* const* grad);
+void Ray_Render_Layout_Release(Ray_Render_Layout* layout);
+/* Bytes the layout holds. */
+size_t Ray_Render_Layout_Bytes(const Ray_Render_Layout* layout);
+
+#endif
