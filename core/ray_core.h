@@ -791,11 +791,8 @@ struct Ray_Plain_Sampler {
  * gives the samples' values (see Ray_Plain_Sampler).
  */
 template <int F, class Run, class Sampler>
-VX_HD inline unsigned int Ray_DDDA_Walk(Rays* out, const Ray_Scene& sc, Run& run, Sampler& smp)
+VX_HD inline unsigned int Ray_DDDA_Walk(Rays* ray, const Ray_Scene& sc, Run& run, Sampler& smp)
 {
-    /* The walk works on a copy, which can live in registers, and leaves its state in *out. */
-    Rays local = *out;
-    Rays* ray = &local;
     Ray_Accum<F> acc;
     float T = 1.0f;
     int t_prev = 0;
@@ -861,7 +858,6 @@ VX_HD inline unsigned int Ray_DDDA_Walk(Rays* out, const Ray_Scene& sc, Run& run
                 ray->col[1] = acc.col[1];
                 ray->col[2] = acc.col[2];
                 ray->trans = T;
-                *out = local;
                 return 0;
             }
         }
@@ -913,7 +909,6 @@ VX_HD inline unsigned int Ray_DDDA_Walk(Rays* out, const Ray_Scene& sc, Run& run
         ray->col[2] = acc.col[2];
         ray->trans = T;
     }
-    *out = local;
     return Ray_Pack_Byte(acc.byte(0)) | Ray_Pack_Byte(acc.byte(1)) << 8 | Ray_Pack_Byte(acc.byte(2)) << 16 |
            Ray_Pack_Byte(Ray_F2I<F>(T * 255.0f)) << 24;
 }
