@@ -205,9 +205,7 @@ static std::string format_line(const CharT* fmt, va_list ap)
                 if (!s) s = "(null)";
                 n = std::strlen(s);
                 if (prec >= 0 && static_cast<size_t>(prec) < n) n = static_cast<size_t>(prec);
-                size_t before = out.size();
                 put_narrow(out, s, n);
-                (void)before;
             }
             pad(out, n, width, left, at);
             break;
