@@ -1,6 +1,7 @@
 /* Volume registration: store, query, clear, the GPU or CPU choice, refusals. */
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <vector>
 
 #include <voxelune/voxelune.h>
@@ -21,8 +22,10 @@ struct Volume {
 
 int query(unsigned short id, int x, int y, int z) { return Ray_Set_Volume(id, x, y, z, nullptr, nullptr); }
 
+/* The smoothing and the gradient ask first (told: nothing free), then the registration. */
+int g_asked;
 uint64_t g_free_bytes;
-uint64_t fake_free() { return g_free_bytes; }
+uint64_t fake_free() { return ++g_asked <= 2 ? 0 : g_free_bytes; }
 
 } // namespace
 
@@ -73,11 +76,12 @@ TEST(Volume, RefusedRegistrationsChangeNothing)
 TEST(Volume, CpuUnlessAllowedAndMoreThanTwentyOneBytesPerVoxelPlusOneMiBAreFree)
 {
     Ray_Gpu_Free_Memory_Hook = fake_free;
+    Util_Cuda_Crash = [] { std::abort(); }; /* a device upload here must not pass as an exit(0) */
     Volume v(2, 2, 2);
     const struct { int allowed; uint64_t free; } cases[] = {{0, ~0ull}, {1, 21 * 8 + 1048576}};
     for (auto& c : cases) {
         Corekit_Set_Cuda_Permission(c.allowed);
-        g_free_bytes = c.free;
+        g_free_bytes = c.free, g_asked = 0;
         v.reg(2);
         EXPECT_EQ(Ray_Volume.use_cuda[2], 0u);
         EXPECT_EQ(Ray_Cuda_GLI[2], nullptr);
@@ -90,13 +94,12 @@ TEST(VolumeDeathTest, OneByteMoreGoesToTheDevice)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     /* With no device here the first upload fails, which is fatal: that
-       failure shows the registration chose the GPU.  The smoothing and the
-       gradient ask first; they are told there is nothing free. */
+       failure shows the registration chose the GPU. */
     EXPECT_EXIT(
         {
-            static int calls = 0;
             Corekit_Set_Cuda_Permission(1);
-            Ray_Gpu_Free_Memory_Hook = [] { return uint64_t(++calls <= 2 ? 0 : 21 * 8 + 1048576 + 1); };
+            Ray_Gpu_Free_Memory_Hook = fake_free;
+            g_free_bytes = 21 * 8 + 1048576 + 1;
             Volume(2, 2, 2).reg(2);
         },
         testing::ExitedWithCode(0), "cudaMalloc\\[Ray_Cuda_GLI\\]");
