@@ -52,8 +52,8 @@ TEST(Matrix, CombineOrderRowVectorsAndFloatCopy)
     Matrix_4x4 after, before;
     after.scale(2, 2, 2, combine_after); /* scale, then translate */
     after.translate(10, 0, 0, combine_after);
-    before.scale(2, 2, 2, combine_before); /* translate, then scale */
-    before.translate(10, 0, 0, combine_before);
+    before.scale(2, 2, 2); /* the default, combine_before: translate, then scale */
+    before.translate(10, 0, 0);
     Vector_4 p(1, 1, 1, 1), q = p, dir(1, 1, 1, 0); /* row vectors; a direction ignores translation */
     p *= after, q *= before, dir *= after;
     EXPECT_EQ(std::vector<float>({p.x, q.x, dir.x, p.y}), std::vector<float>({12, 22, 2, 2}));
