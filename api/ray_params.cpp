@@ -160,18 +160,19 @@ int Ray_Set_Clip(int id, float x_low, float x_high, float y_low, float y_high, f
         return 1;
     }
     int s = id % RAY_SLOTS;
+    /* bits 4 to 11 hold every clip bit (RAY_VF_*); the others are kept */
     unsigned int flag = Ray_Volume.vol_flag[s] & ~0xFF0u;
     /* a NaN fraction compares unequal, so it switches its plane on */
-    if (x_low != 0.0f) flag |= 0x90;
-    if (x_high != 1.0f) flag |= 0x180;
+    if (x_low != 0.0f) flag |= RAY_VF_CLIP | RAY_VF_LOW_X;
+    if (x_high != 1.0f) flag |= RAY_VF_CLIP | RAY_VF_HIGH_X;
     Ray_Volume.clip_frac_x[s][0] = x_low;
     Ray_Volume.clip_frac_x[s][1] = x_high;
-    if (y_low != 0.0f) flag |= 0xA0;
-    if (y_high != 1.0f) flag |= 0x280;
+    if (y_low != 0.0f) flag |= RAY_VF_CLIP | RAY_VF_LOW_Y;
+    if (y_high != 1.0f) flag |= RAY_VF_CLIP | RAY_VF_HIGH_Y;
     Ray_Volume.clip_frac_y[s][0] = y_low;
     Ray_Volume.clip_frac_y[s][1] = y_high;
-    if (z_low != 0.0f) flag |= 0xC0;
-    if (z_high != 1.0f) flag |= 0x480;
+    if (z_low != 0.0f) flag |= RAY_VF_CLIP | RAY_VF_LOW_Z;
+    if (z_high != 1.0f) flag |= RAY_VF_CLIP | RAY_VF_HIGH_Z;
     Ray_Volume.clip_frac_z[s][0] = z_low;
     Ray_Volume.clip_frac_z[s][1] = z_high;
     Ray_Volume.vol_flag[s] = flag;

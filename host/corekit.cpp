@@ -20,6 +20,8 @@
 #include <mutex>
 #include <string>
 
+#include "utf8.h"
+
 HWND hwnd = nullptr;
 signed char Flag_Trace = 0;
 wchar_t Quil_Err_Str[1024];
@@ -45,27 +47,6 @@ void Corekit_Set_Trace_Sink(Trace_Sink sink, void* context)
 int Corekit_Trace_Listening()
 {
     return g_sink.load(std::memory_order_acquire) != nullptr;
-}
-
-static void put_utf8(std::string& out, char32_t c)
-{
-    if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xC0 | (c >> 6));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xE0 | (c >> 12));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x110000) {
-        out += static_cast<char>(0xF0 | (c >> 18));
-        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-        put_utf8(out, 0xFFFD);
-    }
 }
 
 /* Length of the valid UTF-8 sequence at s (at most n bytes), or 0. */
@@ -224,9 +205,7 @@ static std::string format_line(const CharT* fmt, va_list ap)
                 if (!s) s = "(null)";
                 n = std::strlen(s);
                 if (prec >= 0 && static_cast<size_t>(prec) < n) n = static_cast<size_t>(prec);
-                size_t before = out.size();
                 put_narrow(out, s, n);
-                (void)before;
             }
             pad(out, n, width, left, at);
             break;

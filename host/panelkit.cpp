@@ -8,6 +8,8 @@
 #include <mutex>
 #include <string>
 
+#include "utf8.h"
+
 Boxs::Boxs(int w, int h) : width(w), height(h)
 {
     if (w > 0 && h > 0) {
@@ -41,23 +43,7 @@ void Panelkit_Set_Message_Handler(Message_Handler handler, void* context)
 static std::string to_utf8(const wchar_t* s)
 {
     std::string out;
-    for (; s && *s; s++) {
-        char32_t c = static_cast<char32_t>(*s);
-        if (c < 0x80) out += static_cast<char>(c);
-        else if (c < 0x800) {
-            out += static_cast<char>(0xC0 | (c >> 6));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        } else if (c < 0x10000) {
-            out += static_cast<char>(0xE0 | (c >> 12));
-            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (c >> 18));
-            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        }
-    }
+    for (; s && *s; s++) put_utf8(out, static_cast<char32_t>(*s));
     return out;
 }
 
