@@ -6,6 +6,8 @@
 
 #include <cmath>
 
+#include "ray_core.h"
+
 Ray_Params_Table Ray_Params;
 Ray_Volume_Table Ray_Volume;
 
@@ -36,6 +38,14 @@ void Ray_Phong_Build(unsigned int* table)
         if (p > 1.0f) p = 1.0f;
         table[i] = static_cast<unsigned int>(p * 255.0f);
     }
+}
+
+void Ray_Clip_Box(int s, int box[6])
+{
+    const int dim[3] = {Ray_Volume.dim_x[s], Ray_Volume.dim_y[s], Ray_Volume.dim_z[s]};
+    const float* frac[3] = {Ray_Volume.clip_frac_x[s], Ray_Volume.clip_frac_y[s], Ray_Volume.clip_frac_z[s]};
+    for (int a = 0; a < 3; a++)
+        for (int k = 0; k < 2; k++) box[2 * a + k] = Ray_F2I<RAY_CPU>(static_cast<float>(dim[a]) * frac[a][k]);
 }
 
 float Ray_Diagonal(int dim_x, int dim_y, int dim_z)
