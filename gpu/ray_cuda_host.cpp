@@ -4,13 +4,28 @@
  * frames), and the frame's entry points in a build without CUDA.
  */
 #include <array>
+#include <vector>
 
 #include "../core/ray_device_pixel.h"
 #include "../core/ray_state.h"
 #include "ray_cuda.h"
+#include "ray_cuda_check.h"
 
 void Ray_Device_Frame_Host(int s, int w, int h, float* const* grad, unsigned int* out)
 {
+    std::vector<float> copy[4];
+    float* from_device[4];
+    if (!grad) {
+        float* device[4] = {Ray_Cuda_Grad_A[s], Ray_Cuda_Grad_X[s], Ray_Cuda_Grad_Y[s], Ray_Cuda_Grad_Z[s]};
+        size_t n = static_cast<size_t>(Ray_Mul32(Ray_Mul32(Ray_Volume.dim_x[s], Ray_Volume.dim_y[s]), Ray_Volume.dim_z[s]));
+        for (int k = 0; k < 4; k++) {
+            copy[k].resize(n);
+            from_device[k] = copy[k].data();
+            Ray_Cuda_Check(cudaMemcpy(from_device[k], device[k], n * 4, cudaMemcpyDeviceToHost),
+                           "cudaMemcpy[Ray_Cuda_Grad]", "ray_cuda", __LINE__);
+        }
+        grad = from_device;
+    }
     Ray_Scene sc;
     Ray_Scene_Slot(&sc, s, Ray_Params.threshold, Ray_Volume.clip[s]);
     int box[6];
