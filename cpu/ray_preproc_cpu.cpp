@@ -29,18 +29,23 @@ void Ray_Vol_Filter_Scalar(const float* kern, int dim_x, int dim_y, int dim_z, c
                 out[Ray_Voxel_Index(dim_x, dim_y, x, y, z)] = Ray_Filter_Voxel(kern, in, dim_x, dim_y, dim_z, x, y, z);
 }
 
+/* One voxel of the gradient block through the per-voxel function. */
+static void Ray_Grad_Store_Voxel(const float* in, int dim_x, int dim_y, int dim_z, int x, int y,
+                                 int z, float** grad)
+{
+    int i = Ray_Voxel_Index(dim_x, dim_y, x, y, z);
+    Ray_Grad_Out o = Ray_Grad_Voxel(in, dim_x, dim_y, dim_z, x, y, z, in[i]);
+    grad[0][i] = o.a;
+    grad[1][i] = o.x;
+    grad[2][i] = o.y;
+    grad[3][i] = o.z;
+}
+
 void Ray_Vol_Gradient_Scalar(int dim_x, int dim_y, int dim_z, const float* in, float** grad)
 {
     for (int z = 0; z < dim_z; z++)
         for (int y = 0; y < dim_y; y++)
-            for (int x = 0; x < dim_x; x++) {
-                int i = Ray_Voxel_Index(dim_x, dim_y, x, y, z);
-                Ray_Grad_Out g = Ray_Grad_Voxel(in, dim_x, dim_y, dim_z, x, y, z, in[i]);
-                grad[0][i] = g.a;
-                grad[1][i] = g.x;
-                grad[2][i] = g.y;
-                grad[3][i] = g.z;
-            }
+            for (int x = 0; x < dim_x; x++) Ray_Grad_Store_Voxel(in, dim_x, dim_y, dim_z, x, y, z, grad);
 }
 
 /* ------------------------------------------------------ CPU filter rows */
@@ -167,17 +172,6 @@ static void Ray_Grad_Row_Normalise(float* __restrict ga, float* __restrict gx,
         gy[x] = o.y;
         gz[x] = o.z;
     }
-}
-
-static void Ray_Grad_Store_Voxel(const float* in, int dim_x, int dim_y, int dim_z, int x, int y,
-                                 int z, float** grad)
-{
-    int i = Ray_Voxel_Index(dim_x, dim_y, x, y, z);
-    Ray_Grad_Out o = Ray_Grad_Voxel(in, dim_x, dim_y, dim_z, x, y, z, in[i]);
-    grad[0][i] = o.a;
-    grad[1][i] = o.x;
-    grad[2][i] = o.y;
-    grad[3][i] = o.z;
 }
 
 /*
