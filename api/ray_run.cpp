@@ -107,8 +107,6 @@ static const char* start_refusal(const Boxs* box, int s)
     return nullptr;
 }
 
-/* trunc(float(dim) * fraction), as an int32 (out of range as the hardware converts it). */
-static int clip_bound(int dim, float fraction) { return Ray_F2I<RAY_CPU>(static_cast<float>(dim) * fraction); }
 
 int Ray_Start(Boxs* box, unsigned short id)
 {
@@ -143,13 +141,7 @@ int Ray_Start(Boxs* box, unsigned short id)
     bool gpu = Ray_Volume.use_cuda[s] == 1;
     if (!gpu) {
         /* Written before the lock is left: part of the binding. */
-        int* cb = Ray_Volume.clip_box[s];
-        cb[0] = clip_bound(dx, Ray_Volume.clip_frac_x[s][0]);
-        cb[1] = clip_bound(dx, Ray_Volume.clip_frac_x[s][1]);
-        cb[2] = clip_bound(dy, Ray_Volume.clip_frac_y[s][0]);
-        cb[3] = clip_bound(dy, Ray_Volume.clip_frac_y[s][1]);
-        cb[4] = clip_bound(dz, Ray_Volume.clip_frac_z[s][0]);
-        cb[5] = clip_bound(dz, Ray_Volume.clip_frac_z[s][1]);
+        Ray_Clip_Box(s, Ray_Volume.clip_box[s]);
     }
     Critical_Ray_Out("Ray_Start");
 

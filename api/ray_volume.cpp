@@ -111,8 +111,7 @@ int Ray_Set_Volume(unsigned short id, int dim_x, int dim_y, int dim_z, float* gl
 
     int n = dim_x * dim_y * dim_z;
     Ray_Volume.use_cuda[s] = 0;
-    if (Ray_Volume.grad[s] && Test_Cuda(3, 0) &&
-        Ray_Gpu_Free_Memory() > 21ull * static_cast<uint64_t>(n) + 1048576ull)
+    if (Ray_Volume.grad[s] && Ray_Gpu_Room(21ull * static_cast<uint64_t>(n) + 1048576ull))
         Ray_Volume.use_cuda[s] = 1;
 
     if (Ray_Volume.use_cuda[s]) {

@@ -1,8 +1,10 @@
 /*
  * GPU frames: 512 x 512 of a 256^3 phantom and 1024 x 1024 of a 512^3
  * phantom, with the time split into uploads, kernel and copy-back, and the
- * registration time (preprocessing and uploads) of each volume.  Without a
- * CUDA device every benchmark reports an error and skips.
+ * registration time (preprocessing and uploads) of each volume.  A volume
+ * that does not go to the GPU, or a frame that differs from the host form
+ * of the device pixel, is reported as an error.  Without a CUDA device
+ * every benchmark reports an error and skips.
  */
 #include <benchmark/benchmark.h>
 
@@ -13,6 +15,7 @@
 
 #include "core/ray_state.h"
 #include "gpu/cuda_rt.h"
+#include "gpu/ray_cuda.h"
 #include "gpu/ray_cuda_timing.h"
 #include "scene.h"
 
@@ -95,6 +98,10 @@ void BM_GpuFrame(benchmark::State& state)
     Boxs box(px, px);
     double up = 0, kern = 0, copy = 0;
     for (auto _ : state) {
+        if (Ray_Volume.use_cuda[1] != 1) {
+            state.SkipWithError("the volume did not go to the GPU");
+            break;
+        }
         Ray_Start(&box, 1);
         up += Ray_Cuda_Timing.upload_ms;
         kern += Ray_Cuda_Timing.kernel_ms;
@@ -105,6 +112,15 @@ void BM_GpuFrame(benchmark::State& state)
     state.counters["upload_ms"] = up / it;
     state.counters["kernel_ms"] = kern / it;
     state.counters["copy_ms"] = copy / it;
+    if (Ray_Volume.use_cuda[1] == 1) {
+        /* The last frame against the host form of the device pixel, word for word. */
+        std::vector<unsigned int> want(static_cast<size_t>(px) * px);
+        Ray_Device_Frame_Host(1, px, px, nullptr, want.data());
+        size_t differ = 0;
+        for (size_t i = 0; i < want.size(); i++) differ += box.Graph_Normal[i] != want[i];
+        state.counters["differ"] = static_cast<double>(differ);
+        if (differ) state.SkipWithError("the frame differs from the host form of the device pixel");
+    }
     Ray_Set_Volume(1, 0, 0, 0, nullptr, nullptr);
     Ray_Exit();
 }

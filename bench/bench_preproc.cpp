@@ -13,6 +13,7 @@
 #include <random>
 #include <vector>
 
+#include "cpu/ray_preproc_cpu.h"
 #include "gpu/ray_gradient.h"
 #include "gpu/ray_gradient_int.h"
 
@@ -69,7 +70,7 @@ void BM_FilterGradient_Cpu(benchmark::State& state)
 
     /* The same through the plain loop, once, for the bit comparison. */
     std::vector<float> ref(k_n);
-    Ray_Vol_Filter_Scalar(k_dim, k_dim, k_dim, in.data(), ref.data());
+    Ray_Vol_Filter_Scalar(Ray_Filter_Kern, k_dim, k_dim, k_dim, in.data(), ref.data());
     std::vector<float> ga(k_n), gx(k_n), gy(k_n), gz(k_n);
     float* gref[4] = {ga.data(), gx.data(), gy.data(), gz.data()};
     Ray_Vol_Gradient_Scalar(k_dim, k_dim, k_dim, ref.data(), gref);
@@ -115,7 +116,7 @@ void BM_Filter_Scalar(benchmark::State& state)
     std::vector<float> in = Volume();
     std::vector<float> out(k_n);
     for (auto _ : state) {
-        Ray_Vol_Filter_Scalar(k_dim, k_dim, k_dim, in.data(), out.data());
+        Ray_Vol_Filter_Scalar(Ray_Filter_Kern, k_dim, k_dim, k_dim, in.data(), out.data());
         benchmark::DoNotOptimize(out.data());
     }
     Set_Counters(state, k_n);

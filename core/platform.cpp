@@ -17,15 +17,6 @@
 std::atomic<int> Plat_Fail_Pipe_At{0};
 std::atomic<int> Plat_Fail_Thread_At{0};
 
-bool Plat_Fault_Countdown(std::atomic<int>& at)
-{
-    int n = at.load();
-    while (n > 0) {
-        if (at.compare_exchange_weak(n, n - 1)) return n == 1;
-    }
-    return false;
-}
-
 /* Sleeps while *word holds val (or returns at once if it no longer does). */
 static void futex_wait(std::atomic<unsigned int>* word, unsigned int val)
 {
@@ -95,7 +86,7 @@ unsigned Plat_Rlock_Count(Plat_Rlock* lock)
 
 int Plat_Pipe(int fds[2], unsigned size)
 {
-    if (Plat_Fault_Countdown(Plat_Fail_Pipe_At)) {
+    if (Plat_Injected_Failure(Plat_Fail_Pipe_At)) {
         errno = EMFILE;
         return -1;
     }
@@ -160,7 +151,7 @@ static void* thread_trampoline(void* p)
 int Plat_Thread_Start(Plat_Thread* thread, Plat_Thread_Fn fn, void* arg)
 {
     thread->handle = nullptr;
-    if (Plat_Fault_Countdown(Plat_Fail_Thread_At)) {
+    if (Plat_Injected_Failure(Plat_Fail_Thread_At)) {
         errno = EAGAIN;
         return -1;
     }

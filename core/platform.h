@@ -11,7 +11,12 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdlib>
 #include <thread>
+
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
 
 /*
  * A recursive lock that knows its recursion count.  One word holds the
@@ -61,15 +66,45 @@ void Plat_Sleep(unsigned ms);
 size_t Plat_Module_Path(char* buf, size_t size);
 
 /*
+ * A large buffer (megabytes) that is written once, right away.  Faulting
+ * it in 4 KiB pages can cost more than the work that fills it (notably
+ * under virtualisation), so on Linux it is aligned to and advised for
+ * 2 MiB pages.  Not cleared; released with free(); null when memory runs
+ * out.
+ */
+inline void* Plat_Alloc_Large(size_t bytes)
+{
+#if defined(__linux__)
+    const size_t page = size_t(2) << 20;
+    size_t rounded = (bytes + page - 1) & ~(page - 1);
+    void* p = std::aligned_alloc(page, rounded);
+    if (p) (void)madvise(p, rounded, MADV_HUGEPAGE);   /* a hint: failure is harmless */
+    return p;
+#else
+    return std::calloc(bytes, 1);
+#endif
+}
+
+/*
  * Fault injection for tests: the n-th next call (counting from 1) of
  * Plat_Pipe or Plat_Thread_Start fails with EMFILE / EAGAIN.  0 disables.
  */
 extern std::atomic<int> Plat_Fail_Pipe_At;
 extern std::atomic<int> Plat_Fail_Thread_At;
+
+
 /*
- * Counts one call down toward an injected failure: true for the call that
- * takes *at from 1 to 0.  Every fault-injection hook counts with this.
+ * The countdown behind every fault-injection setting (these and the
+ * library's own): counts one call down from at; true for the call that
+ * brings it from 1 to 0, the one that is to fail.  Safe from any thread.
  */
-bool Plat_Fault_Countdown(std::atomic<int>& at);
+inline bool Plat_Injected_Failure(std::atomic<int>& at)
+{
+    int n = at.load();
+    while (n > 0) {
+        if (at.compare_exchange_weak(n, n - 1)) return n == 1;
+    }
+    return false;
+}
 
 #endif

@@ -7,6 +7,8 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "ray_core.h"
+
 Ray_Params_Table Ray_Params;
 Ray_Volume_Table Ray_Volume;
 
@@ -34,21 +36,21 @@ std::atomic<int> Ray_Fail_Alloc_At{0};
 
 void* Ray_Malloc(size_t bytes, int line, const char* file, const char* var, int d1, int d2)
 {
-    void* p = Plat_Fault_Countdown(Ray_Fail_Alloc_At) ? nullptr : malloc(bytes);
+    void* p = Plat_Injected_Failure(Ray_Fail_Alloc_At) ? nullptr : malloc(bytes);
     if (!p) Ray_Trace_Alloc(line, file, "malloc", var, d1, d2);
     return p;
 }
 
 void* Ray_Calloc(size_t n, size_t size, int line, const char* file, const char* var, int d1, int d2)
 {
-    void* p = Plat_Fault_Countdown(Ray_Fail_Alloc_At) ? nullptr : calloc(n, size);
+    void* p = Plat_Injected_Failure(Ray_Fail_Alloc_At) ? nullptr : calloc(n, size);
     if (!p) Ray_Trace_Alloc(line, file, "calloc", var, d1, d2);
     return p;
 }
 
 void* Ray_Realloc(void* old, size_t bytes, int line, const char* file, const char* var, int d1, int d2)
 {
-    void* p = Plat_Fault_Countdown(Ray_Fail_Alloc_At) ? nullptr : realloc(old, bytes);
+    void* p = Plat_Injected_Failure(Ray_Fail_Alloc_At) ? nullptr : realloc(old, bytes);
     if (!p) Ray_Trace_Alloc(line, file, "realloc", var, d1, d2);
     return p;
 }
@@ -60,6 +62,14 @@ void Ray_Phong_Build(unsigned int* table)
         if (p > 1.0f) p = 1.0f;
         table[i] = static_cast<unsigned int>(p * 255.0f);
     }
+}
+
+void Ray_Clip_Box(int s, int box[6])
+{
+    const int dim[3] = {Ray_Volume.dim_x[s], Ray_Volume.dim_y[s], Ray_Volume.dim_z[s]};
+    const float* frac[3] = {Ray_Volume.clip_frac_x[s], Ray_Volume.clip_frac_y[s], Ray_Volume.clip_frac_z[s]};
+    for (int a = 0; a < 3; a++)
+        for (int k = 0; k < 2; k++) box[2 * a + k] = Ray_F2I<RAY_CPU>(static_cast<float>(dim[a]) * frac[a][k]);
 }
 
 float Ray_Diagonal(int dim_x, int dim_y, int dim_z)

@@ -112,6 +112,15 @@ void Ray_Free_Device_Buffers(int s);
 #define RAY_VF_HIGH_Y 0x200u
 #define RAY_VF_HIGH_Z 0x400u
 
+/*
+ * The slot's clip box in voxels, in the order of clip_box: for each axis
+ * its dimension (as a float) times the low and the high fraction of
+ * clip_frac_*, truncated toward zero to an int32 as the CPU converts it
+ * (out of range: INT32_MIN).  Frame requests store it in clip_box for the
+ * CPU walk; the GPU frame uploads its pairs to the device.
+ */
+void Ray_Clip_Box(int s, int box[6]);
+
 /* The Phong table: 1024 entries, built by Ray_Init, released by Ray_Exit. */
 extern unsigned int* Phong_table;
 extern float Phong_exponent;

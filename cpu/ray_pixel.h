@@ -5,6 +5,7 @@
 #define VOXELUNE_CPU_RAY_PIXEL_H
 
 #include "core/ray_core.h"
+#include "core/ray_scene.h"
 
 /*
  * What a ray of a slot's frame reads of the slot's binding: the view
@@ -17,12 +18,6 @@ struct Ray_View {
     int clip_box[6];
     int w, h;
 };
-
-/*
- * Fills sc for slot from the slot tables and Ray_Params, with the walk's
- * threshold and depth clip.
- */
-void Ray_Scene_Slot(Ray_Scene* sc, int slot, float threshold, float clip);
 
 /* The CPU walk of slot's volume, with the stop request of the pipeline. */
 unsigned int Ray_DDDA_Walk(Rays* ray, int slot, float threshold, float clip);

@@ -30,6 +30,7 @@ static inline cudaError_t cudaMalloc(void** p, size_t)
 }
 static inline cudaError_t cudaMemcpy(void*, const void*, size_t, cudaMemcpyKind) { return cudaErrorNoDevice; }
 static inline cudaError_t cudaFree(void* p) { return p ? cudaErrorNoDevice : cudaSuccess; }
+static inline cudaError_t cudaGetLastError() { return cudaSuccess; }
 static inline const char* cudaGetErrorString(cudaError_t e)
 {
     return e == cudaSuccess ? "no error" : "no CUDA-capable device is detected";

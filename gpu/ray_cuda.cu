@@ -86,8 +86,13 @@ __device__ static void Ray_Device_Scene(Ray_Scene* sc, const float* gli, const u
     sc->phong = cst_Phong_table;
 }
 
-/* One thread per pixel; threads past the last pixel write nothing. */
-__global__ void Ray_Individual(int n, unsigned int* out, float* gli, unsigned char* tag, float* grad_a,
+/*
+ * One thread per pixel; threads past the last pixel write nothing.  The
+ * launch bounds hold the kernel to the registers that let a block of 1024
+ * threads launch on every architecture built (65536 / 1024 = 64 each);
+ * a test reads the linker's resource report for the count and for spills.
+ */
+__global__ void __launch_bounds__(RAY_CUDA_MAX_BLOCK) Ray_Individual(int n, unsigned int* out, float* gli, unsigned char* tag, float* grad_a,
                                float* grad_x, float* grad_y, float* grad_z)
 {
     int i = static_cast<int>(blockIdx.x * blockDim.x + threadIdx.x);
@@ -105,13 +110,6 @@ static double Ray_Now_Ms()
     return duration<double, std::milli>(steady_clock::now().time_since_epoch()).count();
 }
 
-/* The clip pair of one axis: each fraction times the dimension, truncated. */
-static void Ray_Clip_Pair(int dim, const float* frac, int* pair)
-{
-    pair[0] = Ray_F2I<RAY_CPU>(static_cast<float>(dim) * frac[0]);
-    pair[1] = Ray_F2I<RAY_CPU>(static_cast<float>(dim) * frac[1]);
-}
-
 int Ray_GPU_Start(unsigned short slot)
 {
     Ray_Trace(RAY_TR_RENDER, ">>> in  Voxelune: Ray_GPU_Start(id=%d)", static_cast<int>(slot));
@@ -126,20 +124,16 @@ int Ray_GPU_Start(unsigned short slot)
     RAY_CHECK(cudaMemcpyToSymbol(cst_clip, &Ray_Volume.clip[s], 4), "cudaMemcpyToSymbol[cst_clip]");
     RAY_CHECK(cudaMemcpyToSymbol(cst_vol_flag, &Ray_Volume.vol_flag[s], 4), "cudaMemcpyToSymbol[cst_vol_flag]");
 
+    /* A clip pair is uploaded only when its axis clips. */
     const unsigned int vf = Ray_Volume.vol_flag[s];
-    int pair[2];
-    if (vf & (RAY_VF_LOW_X | RAY_VF_HIGH_X)) {
-        Ray_Clip_Pair(Ray_Volume.dim_x[s], Ray_Volume.clip_frac_x[s], pair);
-        RAY_CHECK(cudaMemcpyToSymbol(cst_clip_x, pair, 8), "cudaMemcpyToSymbol[cst_clip_x]");
-    }
-    if (vf & (RAY_VF_LOW_Y | RAY_VF_HIGH_Y)) {
-        Ray_Clip_Pair(Ray_Volume.dim_y[s], Ray_Volume.clip_frac_y[s], pair);
-        RAY_CHECK(cudaMemcpyToSymbol(cst_clip_y, pair, 8), "cudaMemcpyToSymbol[cst_clip_y]");
-    }
-    if (vf & (RAY_VF_LOW_Z | RAY_VF_HIGH_Z)) {
-        Ray_Clip_Pair(Ray_Volume.dim_z[s], Ray_Volume.clip_frac_z[s], pair);
-        RAY_CHECK(cudaMemcpyToSymbol(cst_clip_z, pair, 8), "cudaMemcpyToSymbol[cst_clip_z]");
-    }
+    int clip_box[6];
+    Ray_Clip_Box(s, clip_box);
+    if (vf & (RAY_VF_LOW_X | RAY_VF_HIGH_X))
+        RAY_CHECK(cudaMemcpyToSymbol(cst_clip_x, clip_box, 8), "cudaMemcpyToSymbol[cst_clip_x]");
+    if (vf & (RAY_VF_LOW_Y | RAY_VF_HIGH_Y))
+        RAY_CHECK(cudaMemcpyToSymbol(cst_clip_y, clip_box + 2, 8), "cudaMemcpyToSymbol[cst_clip_y]");
+    if (vf & (RAY_VF_LOW_Z | RAY_VF_HIGH_Z))
+        RAY_CHECK(cudaMemcpyToSymbol(cst_clip_z, clip_box + 4, 8), "cudaMemcpyToSymbol[cst_clip_z]");
 
     RAY_CHECK(cudaMemcpyToSymbol(cst_col_mode, &Ray_Params.col_mode, 1), "cudaMemcpyToSymbol[cst_col_mode]");
     RAY_CHECK(cudaMemcpyToSymbol(cst_map_nb, &Ray_Params.map_nb, 1), "cudaMemcpyToSymbol[cst_map_nb]");
@@ -175,9 +169,9 @@ int Ray_Cuda(unsigned short slot)
     Ray_Trace(RAY_TR_RENDER, ">>> in   Voxelune: Ray_Cuda()");
     const int s = slot & 31;
     Boxs* box = Ray_Volume.box[s];
-    const unsigned int block = Cuda_Thread_Block;
-    if (!box || block == 0 || block > 1024) {
-        /* No box to draw into, or a block size no device accepts. */
+    const unsigned int block = Ray_Cuda_Block();
+    if (!box || block == 0) {
+        /* No box to draw into, or a block size the kernel cannot take: the box is left as it is. */
         Ray_Trace(RAY_TR_ERROR, "ERROR: Ray_Cuda(id=%d): %hs", s,
                   box ? "the CUDA block size must be 1 to 1024" : "the slot has no box");
         return 1;
@@ -198,9 +192,13 @@ int Ray_Cuda(unsigned short slot)
     double t1 = Ray_Now_Ms();
 
     const int grid = (n + static_cast<int>(block) - 1) / static_cast<int>(block);
-    Ray_Individual<<<dim3(static_cast<unsigned int>(grid), 1, 1), dim3(block, 1, 1)>>>(
-        n, cuda_color, Ray_Cuda_GLI[s], Ray_Cuda_TAG[s], Ray_Cuda_Grad_A[s], Ray_Cuda_Grad_X[s],
-        Ray_Cuda_Grad_Y[s], Ray_Cuda_Grad_Z[s]);
+    Ray_Cuda_Launch(
+        [&] {
+            Ray_Individual<<<dim3(static_cast<unsigned int>(grid), 1, 1), dim3(block, 1, 1)>>>(
+                n, cuda_color, Ray_Cuda_GLI[s], Ray_Cuda_TAG[s], Ray_Cuda_Grad_A[s], Ray_Cuda_Grad_X[s],
+                Ray_Cuda_Grad_Y[s], Ray_Cuda_Grad_Z[s]);
+        },
+        "cudaLaunchKernel[Ray_Individual]", RAY_CUDA_SRC, __LINE__);
     RAY_CHECK(cudaDeviceSynchronize(), "cudaDeviceSynchronize[Ray_Individual]");
     double t2 = Ray_Now_Ms();
 

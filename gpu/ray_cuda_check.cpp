@@ -15,21 +15,36 @@ uint64_t Ray_Gpu_Free_Memory()
 {
     if (Ray_Gpu_Free_Memory_Hook) return Ray_Gpu_Free_Memory_Hook();
     size_t free_bytes = 0, total_bytes = 0;
-    if (cudaMemGetInfo(&free_bytes, &total_bytes) != cudaSuccess) return 0;
+    if (cudaMemGetInfo(&free_bytes, &total_bytes) != cudaSuccess) {
+        (void)cudaGetLastError();   /* its code is not examined: leave nothing pending */
+        return 0;
+    }
     return free_bytes;
+}
+
+int Ray_Gpu_Room(uint64_t need)
+{
+    if (Test_Cuda(3, 0) == 0) return 0;
+    return Ray_Gpu_Free_Memory() > need ? 1 : 0;
+}
+
+unsigned int Ray_Cuda_Block()
+{
+    unsigned int block = Cuda_Thread_Block;
+    return block >= 1 && block <= RAY_CUDA_MAX_BLOCK ? block : 0;
 }
 
 /*
  * Eight lines: the CUDA error text between the markers 0xF1 and 0xF0, the
- * label, source and line each between 0x01 and 0x02.  (glibc's wide
- * printf takes "%s" as a narrow string.)
+ * label, source and line each between 0x01 and 0x02.  The three texts are
+ * narrow strings: "%hs" in either printf family.
  */
 static const wchar_t k_fatal[] =
     L"Sorry, but I can not recover from this:\n"
-    L"\"\u00F1%s\u00F0\"\n"
+    L"\"\u00F1%hs\u00F0\"\n"
     L" \n"
-    L"In    \u0001%s\u0002\n"
-    L"file: \u0001%s\u0002\n"
+    L"In    \u0001%hs\u0002\n"
+    L"file: \u0001%hs\u0002\n"
     L"line: \u0001%d\u0002\n"
     L" \n"
     L"\u00F1Please contact Quillmark for more assistance";

@@ -18,7 +18,8 @@
 __constant__ float cst_kern[RAY_KERN_SIZE];
 __constant__ unsigned int cst_dim[3];
 
-__global__ void Cuda_Filter(int n, float* out, float* in)
+/* Launch bounds: every block size up to 1024 launches (see Ray_Individual). */
+__global__ void __launch_bounds__(RAY_CUDA_MAX_BLOCK) Cuda_Filter(int n, float* out, float* in)
 {
     unsigned int u = blockIdx.x * blockDim.x + threadIdx.x;
     if (n < 0 || u >= static_cast<unsigned int>(n)) return;
@@ -29,7 +30,7 @@ __global__ void Cuda_Filter(int n, float* out, float* in)
                               static_cast<int>(cst_dim[1]), static_cast<int>(cst_dim[2]), x, y, z);
 }
 
-__global__ void Cuda_Gradient(int n, float* grad_a, float* grad_x, float* grad_y, float* grad_z,
+__global__ void __launch_bounds__(RAY_CUDA_MAX_BLOCK) Cuda_Gradient(int n, float* grad_a, float* grad_x, float* grad_y, float* grad_z,
                               float* in)
 {
     unsigned int u = blockIdx.x * blockDim.x + threadIdx.x;
@@ -46,29 +47,18 @@ __global__ void Cuda_Gradient(int n, float* grad_a, float* grad_x, float* grad_y
 }
 
 /* Checks one CUDA call of this file with its label. */
-#define RAY_CHECK(call, label) Ray_Cuda_Check((call), (label), RAY_GRADIENT_SRC, __LINE__)
+#define RAY_PREP_CHECK(call, label) Ray_Cuda_Check((call), (label), RAY_GRADIENT_SRC, __LINE__)
 
 /*
- * The launch shape: blocks of Cuda_Thread_Block threads, enough of them
- * to cover n voxels.  A block size of 0 is left for the launch to refuse.
+ * The launch shape: blocks of Cuda_Thread_Block threads (a size the
+ * kernels take: the path choice made sure of it), enough of them to cover
+ * n voxels.
  */
 static void Ray_Prep_Grid(int n, dim3* grid, dim3* block)
 {
-    unsigned int b = Cuda_Thread_Block;
-    uint64_t blocks = b ? (static_cast<uint64_t>(n) + b - 1) / b : 1;
+    unsigned int b = Ray_Cuda_Block();
     *block = dim3(b, 1, 1);
-    *grid = dim3(static_cast<unsigned int>(blocks), 1, 1);
-}
-
-/*
- * Waits for the kernel; a launch that was refused reports under the same
- * label, since its results would never arrive.
- */
-static cudaError_t Ray_Prep_Wait()
-{
-    cudaError_t code = cudaGetLastError();
-    if (code != cudaSuccess) return code;
-    return cudaDeviceSynchronize();
+    *grid = dim3(static_cast<unsigned int>((static_cast<uint64_t>(n) + b - 1) / b), 1, 1);
 }
 
 float* Ray_Gpu_Filter(int dim_x, int dim_y, int dim_z, const float* volume)
@@ -80,28 +70,29 @@ float* Ray_Gpu_Filter(int dim_x, int dim_y, int dim_z, const float* volume)
     float* cuda_gli = nullptr;
     float* cuda_filter = nullptr;
 
-    RAY_CHECK(cudaMemcpyToSymbol(cst_dim, dim, sizeof(dim), 0, cudaMemcpyHostToDevice),
+    RAY_PREP_CHECK(cudaMemcpyToSymbol(cst_dim, dim, sizeof(dim), 0, cudaMemcpyHostToDevice),
               "cudaMemcpyToSymbol[cst_dim]");
-    RAY_CHECK(cudaMemcpyToSymbol(cst_kern, Ray_Filter_Kern, sizeof(Ray_Filter_Kern), 0,
+    RAY_PREP_CHECK(cudaMemcpyToSymbol(cst_kern, Ray_Filter_Kern, sizeof(Ray_Filter_Kern), 0,
                                  cudaMemcpyHostToDevice),
               "cudaMemcpyToSymbol[cst_kern]");
-    RAY_CHECK(cudaMalloc(reinterpret_cast<void**>(&cuda_gli), bytes), "cudaMalloc[cuda_gli]");
-    RAY_CHECK(cudaMemcpy(cuda_gli, volume, bytes, cudaMemcpyHostToDevice), "cudaMemcpy[cuda_gli]");
-    RAY_CHECK(cudaMalloc(reinterpret_cast<void**>(&cuda_filter), bytes),
+    RAY_PREP_CHECK(cudaMalloc(reinterpret_cast<void**>(&cuda_gli), bytes), "cudaMalloc[cuda_gli]");
+    RAY_PREP_CHECK(cudaMemcpy(cuda_gli, volume, bytes, cudaMemcpyHostToDevice), "cudaMemcpy[cuda_gli]");
+    RAY_PREP_CHECK(cudaMalloc(reinterpret_cast<void**>(&cuda_filter), bytes),
               "cudaMalloc[cuda_filter]");
 
     if (n > 0) {
         dim3 grid, block;
         Ray_Prep_Grid(n, &grid, &block);
-        Cuda_Filter<<<grid, block>>>(n, cuda_filter, cuda_gli);
-        RAY_CHECK(Ray_Prep_Wait(), "cudaDeviceSynchronize[Cuda_Filter]");
+        Ray_Cuda_Launch([&] { Cuda_Filter<<<grid, block>>>(n, cuda_filter, cuda_gli); },
+                        "cudaLaunchKernel[Cuda_Filter]", RAY_GRADIENT_SRC, __LINE__);
+        RAY_PREP_CHECK(cudaDeviceSynchronize(), "cudaDeviceSynchronize[Cuda_Filter]");
     }
 
-    float* mean = Ray_Prep_Alloc(n, __LINE__);
-    if (mean) RAY_CHECK(cudaMemcpy(mean, cuda_filter, bytes, cudaMemcpyDeviceToHost), "cudaMemcpy[mean]");
+    float* mean = Ray_Prep_Alloc(n, "mean", __LINE__);
+    if (mean) RAY_PREP_CHECK(cudaMemcpy(mean, cuda_filter, bytes, cudaMemcpyDeviceToHost), "cudaMemcpy[mean]");
 
-    RAY_CHECK(cudaFree(cuda_gli), "cudaFree[cuda_gli]");
-    RAY_CHECK(cudaFree(cuda_filter), "cudaFree[cuda_filter]");
+    RAY_PREP_CHECK(cudaFree(cuda_gli), "cudaFree[cuda_gli]");
+    RAY_PREP_CHECK(cudaFree(cuda_filter), "cudaFree[cuda_filter]");
     return mean;
 }
 
@@ -117,35 +108,36 @@ float** Ray_Gpu_Gradient(int dim_x, int dim_y, int dim_z, const float* volume)
     float* cuda_grad_y = nullptr;
     float* cuda_grad_z = nullptr;
 
-    RAY_CHECK(cudaMemcpyToSymbol(cst_dim, dim, sizeof(dim), 0, cudaMemcpyHostToDevice),
+    RAY_PREP_CHECK(cudaMemcpyToSymbol(cst_dim, dim, sizeof(dim), 0, cudaMemcpyHostToDevice),
               "cudaMemcpyToSymbol[cst_dim]");
-    RAY_CHECK(cudaMalloc(reinterpret_cast<void**>(&cuda_gli), bytes), "cudaMalloc[cuda_gli]");
-    RAY_CHECK(cudaMemcpy(cuda_gli, volume, bytes, cudaMemcpyHostToDevice), "cudaMemcpy[cuda_gli]");
-    RAY_CHECK(cudaMalloc(reinterpret_cast<void**>(&cuda_grad_a), bytes), "cudaMalloc[cuda_grad_a]");
-    RAY_CHECK(cudaMalloc(reinterpret_cast<void**>(&cuda_grad_x), bytes), "cudaMalloc[cuda_grad_x]");
-    RAY_CHECK(cudaMalloc(reinterpret_cast<void**>(&cuda_grad_y), bytes), "cudaMalloc[cuda_grad_y]");
-    RAY_CHECK(cudaMalloc(reinterpret_cast<void**>(&cuda_grad_z), bytes), "cudaMalloc[cuda_grad_z]");
+    RAY_PREP_CHECK(cudaMalloc(reinterpret_cast<void**>(&cuda_gli), bytes), "cudaMalloc[cuda_gli]");
+    RAY_PREP_CHECK(cudaMemcpy(cuda_gli, volume, bytes, cudaMemcpyHostToDevice), "cudaMemcpy[cuda_gli]");
+    RAY_PREP_CHECK(cudaMalloc(reinterpret_cast<void**>(&cuda_grad_a), bytes), "cudaMalloc[cuda_grad_a]");
+    RAY_PREP_CHECK(cudaMalloc(reinterpret_cast<void**>(&cuda_grad_x), bytes), "cudaMalloc[cuda_grad_x]");
+    RAY_PREP_CHECK(cudaMalloc(reinterpret_cast<void**>(&cuda_grad_y), bytes), "cudaMalloc[cuda_grad_y]");
+    RAY_PREP_CHECK(cudaMalloc(reinterpret_cast<void**>(&cuda_grad_z), bytes), "cudaMalloc[cuda_grad_z]");
 
     if (n > 0) {
         dim3 grid, block;
         Ray_Prep_Grid(n, &grid, &block);
-        Cuda_Gradient<<<grid, block>>>(n, cuda_grad_a, cuda_grad_x, cuda_grad_y, cuda_grad_z,
-                                       cuda_gli);
-        RAY_CHECK(Ray_Prep_Wait(), "cudaDeviceSynchronize[Cuda_Gradient]");
+        Ray_Cuda_Launch(
+            [&] { Cuda_Gradient<<<grid, block>>>(n, cuda_grad_a, cuda_grad_x, cuda_grad_y, cuda_grad_z, cuda_gli); },
+            "cudaLaunchKernel[Cuda_Gradient]", RAY_GRADIENT_SRC, __LINE__);
+        RAY_PREP_CHECK(cudaDeviceSynchronize(), "cudaDeviceSynchronize[Cuda_Gradient]");
     }
 
     float** grad = Ray_Grad_Alloc(n);
     if (grad) {
         float* device[4] = {cuda_grad_a, cuda_grad_x, cuda_grad_y, cuda_grad_z};
         for (int k = 0; k < 4; k++)
-            RAY_CHECK(cudaMemcpy(grad[k], device[k], bytes, cudaMemcpyDeviceToHost),
+            RAY_PREP_CHECK(cudaMemcpy(grad[k], device[k], bytes, cudaMemcpyDeviceToHost),
                       "cudaMemcpy[mean]");
     }
 
-    RAY_CHECK(cudaFree(cuda_gli), "cudaFree[cuda_gli]");
-    RAY_CHECK(cudaFree(cuda_grad_a), "cudaFree[cuda_grad_a]");
-    RAY_CHECK(cudaFree(cuda_grad_x), "cudaFree[cuda_grad_x]");
-    RAY_CHECK(cudaFree(cuda_grad_y), "cudaFree[cuda_grad_y]");
-    RAY_CHECK(cudaFree(cuda_grad_z), "cudaFree[cuda_grad_z]");
+    RAY_PREP_CHECK(cudaFree(cuda_gli), "cudaFree[cuda_gli]");
+    RAY_PREP_CHECK(cudaFree(cuda_grad_a), "cudaFree[cuda_grad_a]");
+    RAY_PREP_CHECK(cudaFree(cuda_grad_x), "cudaFree[cuda_grad_x]");
+    RAY_PREP_CHECK(cudaFree(cuda_grad_y), "cudaFree[cuda_grad_y]");
+    RAY_PREP_CHECK(cudaFree(cuda_grad_z), "cudaFree[cuda_grad_z]");
     return grad;
 }

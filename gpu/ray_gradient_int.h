@@ -1,10 +1,12 @@
 /*
  * ray_gradient_int.h - the inside of volume preprocessing, shared by the
  * host side (ray_gradient.cpp), the device side (ray_gradient.cu) and the
- * project's tests and benchmarks.
+ * project's tests and benchmarks.  The CPU path is cpu/ray_preproc_cpu.h.
  */
 #ifndef VOXELUNE_GPU_RAY_GRADIENT_INT_H
 #define VOXELUNE_GPU_RAY_GRADIENT_INT_H
+
+#include <atomic>
 
 #include "../core/ray_preproc.h"
 
@@ -21,10 +23,10 @@ extern int Ray_Filter_Radius;
 void Ray_Filter_Kern_Build();
 
 /*
- * 1 when an operation on n voxels goes to the GPU: the host allows CUDA
- * (Test_Cuda(3, 0)) and the free device memory is strictly greater than
+ * 1 when an operation on n voxels goes to the GPU: Ray_Gpu_Room with
  * n * factor (signed 32-bit product) * unit bytes, compared in unsigned
- * 64 bits.  The filter asks with (5, 4), the gradient with (10, 1).
+ * 64 bits, and a block size the kernels take.  The filter asks with
+ * (5, 4), the gradient with (10, 1).
  */
 int Ray_Prep_Use_Gpu(int n, int factor, unsigned int unit);
 
@@ -32,34 +34,15 @@ int Ray_Prep_Use_Gpu(int n, int factor, unsigned int unit);
  * Host result buffers: n floats (at least one, so that an empty volume is
  * not taken for a failure).  Small buffers are zeroed; large ones (4 MiB
  * and up) are not, since the paths write every element.  A failure
- * writes the memory error line with the caller's source line and
- * returns null.
+ * writes the memory error line with var and line (the caller's
+ * __LINE__, on the line of the call) and returns null.
  */
-float* Ray_Prep_Alloc(int n, int line);
+float* Ray_Prep_Alloc(int n, const char* var, int line);
 /* The gradient block and its four buffers; on failure nothing is kept. */
 float** Ray_Grad_Alloc(int n);
 
 /* Test hook: the k-th next host allocation (counting from 1) fails.  0: off. */
-extern int Ray_Prep_Fail_Alloc_At;
-
-/*
- * The CPU path.  out / grad hold dim_x * dim_y * dim_z floats; threads is
- * the number of threads to share the z slices among (1: the caller's
- * thread only).  Results are identical for every thread count.
- */
-void Ray_Vol_Filter_Cpu(int dim_x, int dim_y, int dim_z, const float* in, float* out, int threads);
-void Ray_Vol_Gradient_Cpu(int dim_x, int dim_y, int dim_z, const float* in, float** grad,
-                          int threads);
-/* The thread count the operations use for n voxels in dim_z slices. */
-int Ray_Prep_Threads(int n, int dim_z);
-
-/*
- * The reference form: one voxel after another with the per-voxel
- * functions, on the caller's thread.  The CPU path must equal it bit for
- * bit.
- */
-void Ray_Vol_Filter_Scalar(int dim_x, int dim_y, int dim_z, const float* in, float* out);
-void Ray_Vol_Gradient_Scalar(int dim_x, int dim_y, int dim_z, const float* in, float** grad);
+extern std::atomic<int> Ray_Prep_Fail_Alloc_At;
 
 /*
  * The GPU path: uploads, kernel launch, copy back, device buffers freed;
