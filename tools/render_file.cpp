@@ -231,9 +231,8 @@ long long Render_Gzip_Length(FILE* f, long long limit, std::string* why)
             return -1;
         }
         if (total > limit) {
-            *why = "the compressed data holds more than its header says";
             inflateEnd(&zs);
-            return -1;
+            return total;  /* enough: the rest is not needed */
         }
         if (ret == Z_STREAM_END)
             started = false;

@@ -35,9 +35,9 @@ void Render_Catch_Signals();
 
 /*
  * Length of the data in the gzip stream that starts at the current
- * position of f and runs to its end, read without keeping it.  -1 with
- * *why for a corrupt stream, one cut short (no trailer) or more than
- * limit bytes of data.
+ * position of f and runs to its end, read without keeping it; once more
+ * than limit bytes came out it stops and returns that count.  -1 with
+ * *why for a corrupt stream or one cut short (no trailer).
  */
 long long Render_Gzip_Length(FILE* f, long long limit, std::string* why);
 

@@ -214,8 +214,8 @@ int Render_Read_Raw(const std::string& path, const Raw_Layout& layout, Voxel_Dat
 
 /*
  * Bytes a file offers from byte `from` on: what is left of its size, or
- * for gzip data the length of its complete stream (more than limit is
- * refused).  -1 with a message when it cannot be read.
+ * for gzip data the length of its complete stream (counted up to just
+ * past limit).  -1 with a message when it cannot be read.
  */
 static long long data_length(FILE* f, long long from, bool gz, long long limit,
                              const std::string& path, std::string* error)
@@ -323,8 +323,17 @@ int Render_Read_Nifti(const std::string& path, Voxel_Data* out, std::string* err
     /* The header alone, byte-swapped to this machine's order. */
     int swapped = 0;
     nifti_1_header* hdr = nifti_read_header(path.c_str(), &swapped, 1);
+    bool gz = ends_with(path, ".gz");
     if (!hdr) {
         *error = path + ": not a NIfTI-1 file (its header does not read as one)";
+        if (gz) {
+            FILE* f = std::fopen(path.c_str(), "rb");
+            if (f) {
+                /* a broken gzip stream is the likelier cause */
+                data_length(f, 0, true, 1 << 20, path, error);
+                std::fclose(f);
+            }
+        }
         return 0;
     }
     nifti_1_header h = *hdr;
@@ -335,7 +344,6 @@ int Render_Read_Nifti(const std::string& path, Voxel_Data* out, std::string* err
         return 0;
     long long n = d[0] * d[1] * d[2];
     long long need = offset + n * Voxel_Type_Size(type);
-    bool gz = ends_with(path, ".gz");
     FILE* f = std::fopen(path.c_str(), "rb");
     if (!f) {
         *error = path + ": " + std::strerror(errno);
