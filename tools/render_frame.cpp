@@ -9,18 +9,22 @@
  * when Ray_Start returns and is never redrawn.
  */
 #include "render_frame.h"
+#include "render_file.h"
 #include "render_png.h"
 
 #include <voxelune/voxelune.h>
+#include <voxelune/voxelune_layout.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cerrno>
 #include <cmath>
 #include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -30,15 +34,6 @@ typedef std::chrono::steady_clock Clock;
 static double ms_since(Clock::time_point t0)
 {
     return std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
-}
-
-int Render_Level_Count(int width, int height)
-{
-    int n = width * height;
-    float s = std::sqrt((float)n / 1000.0f);
-    if (s < 1.0f)
-        s = 1.0f;
-    return 1 + (int)std::log2(s);
 }
 
 /* Splits "dir/stem.ext" into "dir/stem" and ".ext" (the extension may be empty). */
@@ -90,59 +85,36 @@ std::string Render_Level_Name(const std::string& dir, const std::string& output,
 
 /* ---- output checks ---- */
 
-static std::string parent_dir(const std::string& path)
-{
-    size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos)
-        return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-static int is_dir(const std::string& path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-static int check_writable_dir(const std::string& dir, const std::string& what, std::string* error)
-{
-    if (!is_dir(dir)) {
-        *error = what + ": directory '" + dir + "' does not exist";
-        return 0;
-    }
-    if (access(dir.c_str(), W_OK | X_OK) != 0) {
-        *error = what + ": directory '" + dir + "' is not writable";
-        return 0;
-    }
-    return 1;
-}
-
 int Render_Check_Outputs(const Render_Options& opt, std::string* error)
 {
     int frames = opt.turntable > 0 ? opt.turntable : 1;
-    for (int f = 0; f < frames; f++) {
-        std::string name = Render_Frame_Name(opt.output, f, frames);
-        if (is_dir(name)) {
-            *error = name + ": is a directory";
+    for (int f = 0; f < frames; f++)
+        if (!Render_Check_Target(Render_Frame_Name(opt.output, f, frames), error))
+            return 0;
+    if (opt.progressive_dir.empty())
+        return 1;
+    const std::string& dir = opt.progressive_dir;
+    struct stat st;
+    if (stat(dir.c_str(), &st) != 0) {
+        if (errno != ENOENT) {
+            *error = "--progressive " + dir + ": " + std::strerror(errno);
             return 0;
         }
+        /* created later: a level image's own check covers the parent */
+        std::string parent = dir;
+        while (parent.size() > 1 && parent.back() == '/')
+            parent.pop_back();
+        return Render_Check_Target(parent, error);
     }
-    if (!check_writable_dir(parent_dir(opt.output), opt.output, error))
+    if (!S_ISDIR(st.st_mode)) {
+        *error = "--progressive " + dir + ": not a directory";
         return 0;
-    if (!opt.progressive_dir.empty()) {
-        std::string dir = opt.progressive_dir;
-        struct stat st;
-        if (stat(dir.c_str(), &st) == 0) {
-            if (!S_ISDIR(st.st_mode)) {
-                *error = dir + ": not a directory";
-                return 0;
-            }
-            return check_writable_dir(dir, "--progressive", error);
-        }
-        while (dir.size() > 1 && dir.back() == '/')
-            dir.pop_back();
-        return check_writable_dir(parent_dir(dir), "--progressive " + opt.progressive_dir, error);
     }
+    int levels = Voxelune_Level_Count(opt.width, opt.height);
+    for (int f = 0; f < frames; f++)
+        for (int k = 1; k <= levels; k++)
+            if (!Render_Check_Target(Render_Level_Name(dir, opt.output, f, frames, k), error))
+                return 0;
     return 1;
 }
 
@@ -394,8 +366,10 @@ static int render_frame(const Render_Options& opt, Boxs* box, Frame_Progress* pr
         if (!wait_for_frame(progress, opt.timeout)) {
             Ray_Stop(0);
             std::lock_guard<std::mutex> hold(progress->lock);
-            *error = "frame " + std::to_string(f + 1) + " did not finish within " +
-                     std::to_string((int)opt.timeout) + " s (" + std::to_string(progress->draws) +
+            char limit[32];
+            std::snprintf(limit, sizeof limit, "%g", opt.timeout);
+            *error = "frame " + std::to_string(f + 1) + " did not finish within " + limit +
+                     " s (" + std::to_string(progress->draws) +
                      " of " + std::to_string(progress->levels) + " levels)";
             /* No more redraws may reach the progress record after this point. */
             progress->draws = progress->levels;
@@ -435,10 +409,13 @@ static int render_frame(const Render_Options& opt, Boxs* box, Frame_Progress* pr
 int Render_Run(const Render_Options& opt, Render_Volume* vol, bool is_phantom,
                std::string* error)
 {
-    if (!opt.progressive_dir.empty() && !is_dir(opt.progressive_dir) &&
-        mkdir(opt.progressive_dir.c_str(), 0777) != 0) {
-        *error = opt.progressive_dir + ": cannot create the directory";
-        return 0;
+    bool made_dir = false;
+    if (!opt.progressive_dir.empty()) {
+        made_dir = mkdir(opt.progressive_dir.c_str(), 0777) == 0;
+        if (!made_dir && errno != EEXIST) {
+            *error = opt.progressive_dir + ": cannot create the directory: " + std::strerror(errno);
+            return 0;
+        }
     }
     if (opt.trace)
         Corekit_Set_Trace_Sink(trace_to_stderr, nullptr);
@@ -470,7 +447,7 @@ int Render_Run(const Render_Options& opt, Render_Volume* vol, bool is_phantom,
     std::unique_ptr<Frame_Progress> progress(new Frame_Progress);
     progress->opt = &opt;
     progress->frames = opt.turntable > 0 ? opt.turntable : 1;
-    progress->levels = Render_Level_Count(opt.width, opt.height);
+    progress->levels = Voxelune_Level_Count(opt.width, opt.height);
     box->draw_handler = on_draw;
     box->draw_context = progress.get();
 
@@ -488,5 +465,7 @@ int Render_Run(const Render_Options& opt, Render_Volume* vol, bool is_phantom,
     Ray_Exit();
     Corekit_Set_Trace_Sink(nullptr, nullptr);
     Corekit_Set_Random(nullptr);
+    if (!ok && made_dir)
+        rmdir(opt.progressive_dir.c_str());  /* only while still empty */
     return ok;
 }

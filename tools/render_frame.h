@@ -14,13 +14,6 @@
 enum { RENDER_SLOT = 1 };
 
 /*
- * Refinement levels of a CPU frame of width x height pixels, as the
- * library's pipeline counts them: 1 + floor(log2(max(1, sqrt(N / 1000)))),
- * in single precision.  The box is redrawn once per level.
- */
-int Render_Level_Count(int width, int height);
-
-/*
  * File name of frame `frame` of `frames`: the output itself for a single
  * frame, else the index (at least three digits) before the extension:
  * "out/a.png" -> "out/a_007.png".
@@ -35,10 +28,11 @@ std::string Render_Level_Name(const std::string& dir, const std::string& output,
                               int frames, int level);
 
 /*
- * Checks that every file the options will write can be written: the
- * output's directory (and the progressive directory or its parent)
- * exists and is writable, and no output names a directory.  Writes
- * nothing.  1 when fine, else 0 with a message.
+ * Checks every file the options will write before anything is written:
+ * each frame and (when the directory exists) each level image must be a
+ * regular file or a new name in a writable directory; the progressive
+ * directory must be a directory or a new name.  1 when fine, else 0 with
+ * a message.
  */
 int Render_Check_Outputs(const Render_Options& opt, std::string* error);
 

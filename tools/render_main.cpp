@@ -7,6 +7,7 @@
  * the tool with status 2 and no file; a failure while rendering or
  * writing with status 1.
  */
+#include "render_file.h"
 #include "render_frame.h"
 #include "render_options.h"
 #include "render_volume.h"
@@ -44,6 +45,7 @@ int main(int argc, char** argv)
     if (!Render_Check_Outputs(opt, &error))
         return fail(2, error);
 
+    Render_Catch_Signals();
     if (!Render_Run(opt, &vol, is_phantom, &error))
         return fail(1, error);
     return 0;

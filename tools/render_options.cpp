@@ -99,7 +99,7 @@ int Voxel_Type_Size(Voxel_Type type)
     case VOXEL_U8: case VOXEL_I8: return 1;
     case VOXEL_U16: case VOXEL_I16: return 2;
     case VOXEL_U32: case VOXEL_I32: case VOXEL_F32: return 4;
-    case VOXEL_F64: return 8;
+    case VOXEL_F64: case VOXEL_U64: case VOXEL_I64: return 8;
     }
     return 1;
 }
@@ -578,7 +578,7 @@ int Render_Parse_Options(int argc, const char* const* argv, Render_Options* opt,
         }
         std::string why;
         if (!apply_option(def->id, value, opt, &why)) {
-            *error = "bad value '" + value + "' for " + name + ": " + why;
+            *error = def->has_value ? "bad value '" + value + "' for " + name + ": " + why : why;
             return 0;
         }
     }

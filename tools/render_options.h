@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-/* Element type of a raw voxel file. */
+/* Element type of a voxel file (64-bit integers come only from NIfTI and NRRD files). */
 enum Voxel_Type {
     VOXEL_U8, VOXEL_I8, VOXEL_U16, VOXEL_I16,
-    VOXEL_U32, VOXEL_I32, VOXEL_F32, VOXEL_F64
+    VOXEL_U32, VOXEL_I32, VOXEL_F32, VOXEL_F64, VOXEL_U64, VOXEL_I64
 };
 
 /* Which renderer the tool asks for. */

@@ -3,10 +3,10 @@
  * through libpng's simplified interface.
  */
 #include "render_png.h"
+#include "render_file.h"
 
 #include <png.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -41,31 +41,18 @@ void Render_Words_To_Rgb(const unsigned int* words, int n, unsigned int backgrou
 int Render_Write_Png(const std::string& path, int width, int height,
                      const unsigned char* rgb, std::string* error)
 {
-    png_image image;
-    std::memset(&image, 0, sizeof image);
-    image.version = PNG_IMAGE_VERSION;
-    image.width = (png_uint_32)width;
-    image.height = (png_uint_32)height;
-    image.format = PNG_FORMAT_RGB;
-
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (!f) {
-        *error = path + ": " + std::strerror(errno);
-        return 0;
-    }
-    int ok = png_image_write_to_stdio(&image, f, 0, rgb, 0, nullptr);
-    std::string why = ok ? "" : image.message;
-    png_image_free(&image);
-    if (std::fclose(f) != 0 && ok) {
-        ok = 0;
-        why = std::strerror(errno);
-    }
-    if (!ok) {
-        std::remove(path.c_str());
-        *error = path + ": " + why;
-        return 0;
-    }
-    return 1;
+    return Render_Write_File(path, [&](FILE* f) -> std::string {
+        png_image image;
+        std::memset(&image, 0, sizeof image);
+        image.version = PNG_IMAGE_VERSION;
+        image.width = (png_uint_32)width;
+        image.height = (png_uint_32)height;
+        image.format = PNG_FORMAT_RGB;
+        int ok = png_image_write_to_stdio(&image, f, 0, rgb, 0, nullptr);
+        std::string why = ok ? "" : image.message;
+        png_image_free(&image);
+        return why;
+    }, error);
 }
 
 int Render_Read_Png(const std::string& path, int* width, int* height,

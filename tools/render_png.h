@@ -20,7 +20,7 @@ unsigned int Render_Composite(unsigned int word, unsigned int background);
 void Render_Words_To_Rgb(const unsigned int* words, int n, unsigned int background,
                          unsigned char* rgb);
 
-/* Writes an 8-bit RGB PNG; a file left half-written is removed.  1 on success. */
+/* Writes an 8-bit RGB PNG whole or not at all (see Render_Write_File).  1 on success. */
 int Render_Write_Png(const std::string& path, int width, int height,
                      const unsigned char* rgb, std::string* error);
 

@@ -6,6 +6,7 @@
  * 32-bit count, and the data must be exactly as long as the header says.
  */
 #include "render_volume.h"
+#include "render_file.h"
 
 #include <sys/stat.h>
 
@@ -20,7 +21,6 @@
 
 #ifdef VOXELUNE_RENDER_NIFTI
 #include <nifti1_io.h>
-#include <zlib.h>
 #endif
 #ifdef VOXELUNE_RENDER_NRRD
 #include <teem/nrrd.h>
@@ -106,10 +106,10 @@ static int check_dims(const std::string& path, const long long d[3], std::string
     return 1;
 }
 
-/* ---- raw ---- */
+/* ---- element conversion, shared by every reader ---- */
 
-/* One element at p, in the file's byte order, as a float. */
-static float raw_element(const unsigned char* p, Voxel_Type type, bool swap)
+/* One element at p, its bytes reversed when swap is set, as a float; NaN and inf kept. */
+static float element_value(const unsigned char* p, Voxel_Type type, bool swap)
 {
     unsigned char b[8];
     int size = Voxel_Type_Size(type);
@@ -124,8 +124,34 @@ static float raw_element(const unsigned char* p, Voxel_Type type, bool swap)
     case VOXEL_I32: { int v; std::memcpy(&v, b, 4); return (float)v; }
     case VOXEL_F32: { float v; std::memcpy(&v, b, 4); return v; }
     case VOXEL_F64: { double v; std::memcpy(&v, b, 8); return (float)v; }
+    case VOXEL_U64: { unsigned long long v; std::memcpy(&v, b, 8); return (float)v; }
+    case VOXEL_I64: { long long v; std::memcpy(&v, b, 8); return (float)v; }
     }
     return 0.0f;
+}
+
+/*
+ * Reads n elements through read(buffer, element size, count), which
+ * returns the count it read, in chunks, converting each to a float.
+ * 0 when the data ends early.
+ */
+template <class Read>
+static int read_elements(Read read, long long n, Voxel_Type type, bool swap,
+                         std::vector<float>* out)
+{
+    int size = Voxel_Type_Size(type);
+    std::vector<unsigned char> chunk(1 << 16);
+    long long per_chunk = (long long)chunk.size() / size;
+    out->resize((size_t)n);
+    for (long long done = 0; done < n;) {
+        long long count = std::min(per_chunk, n - done);
+        if (read(chunk.data(), (size_t)size, (size_t)count) != (size_t)count)
+            return 0;
+        for (long long i = 0; i < count; i++)
+            (*out)[(size_t)(done + i)] = element_value(&chunk[(size_t)(i * size)], type, swap);
+        done += count;
+    }
+    return 1;
 }
 
 static bool host_is_big_endian()
@@ -135,6 +161,13 @@ static bool host_is_big_endian()
     std::memcpy(&first, &one, 1);
     return first == 0;
 }
+
+static std::string dims_text(const long long d[3])
+{
+    return std::to_string(d[0]) + "x" + std::to_string(d[1]) + "x" + std::to_string(d[2]);
+}
+
+/* ---- raw ---- */
 
 int Render_Read_Raw(const std::string& path, const Raw_Layout& layout, Voxel_Data* out,
                     std::string* error)
@@ -151,8 +184,7 @@ int Render_Read_Raw(const std::string& path, const Raw_Layout& layout, Voxel_Dat
     stat(path.c_str(), &st);
     long long expected = layout.offset + n * size;
     if ((long long)st.st_size != expected) {
-        *error = path + ": the dimensions do not match the file size (" +
-                 std::to_string(d[0]) + "x" + std::to_string(d[1]) + "x" + std::to_string(d[2]) +
+        *error = path + ": the dimensions do not match the file size (" + dims_text(d) +
                  " voxels of " + std::to_string(size) + " bytes" +
                  (layout.offset ? " after " + std::to_string(layout.offset) + " header bytes" : "") +
                  " need " + std::to_string(expected) + " bytes, the file has " +
@@ -161,76 +193,124 @@ int Render_Read_Raw(const std::string& path, const Raw_Layout& layout, Voxel_Dat
     }
 
     FILE* f = std::fopen(path.c_str(), "rb");
-    if (!f || std::fseek(f, (long)layout.offset, SEEK_SET) != 0) {
+    if (!f || fseeko(f, (off_t)layout.offset, SEEK_SET) != 0) {
         *error = path + ": " + std::strerror(errno);
         if (f)
             std::fclose(f);
         return 0;
     }
-    out->values.resize((size_t)n);
     bool swap = layout.big_endian != host_is_big_endian();
-    std::vector<unsigned char> chunk(1 << 16);
-    long long per_chunk = (long long)chunk.size() / size;
-    for (long long done = 0; done < n;) {
-        long long count = std::min(per_chunk, n - done);
-        if (std::fread(chunk.data(), (size_t)size, (size_t)count, f) != (size_t)count) {
-            *error = path + ": read error";
-            std::fclose(f);
-            return 0;
-        }
-        for (long long i = 0; i < count; i++)
-            out->values[(size_t)(done + i)] = raw_element(&chunk[(size_t)(i * size)], layout.type, swap);
-        done += count;
-    }
+    int ok = read_elements([f](void* p, size_t sz, size_t c) { return std::fread(p, sz, c, f); },
+                           n, layout.type, swap, &out->values);
     std::fclose(f);
+    if (!ok) {
+        *error = path + ": read error";
+        return 0;
+    }
     for (int i = 0; i < 3; i++)
         out->dim[i] = (int)d[i];
     return 1;
 }
 
+/*
+ * Bytes a file offers from byte `from` on: what is left of its size, or
+ * for gzip data the length of its complete stream (counted up to just
+ * past limit).  -1 with a message when it cannot be read.
+ */
+static long long data_length(FILE* f, long long from, bool gz, long long limit,
+                             const std::string& path, std::string* error)
+{
+    if (gz) {
+        std::string why;
+        long long n = Render_Gzip_Length(f, limit, &why);
+        if (n < 0)
+            *error = path + ": " + why;
+        return n;
+    }
+    struct stat st;
+    if (fstat(fileno(f), &st) != 0 || !S_ISREG(st.st_mode)) {
+        *error = path + ": the data is not in a regular file";
+        return -1;
+    }
+    return (long long)st.st_size - from;
+}
+
+static std::string short_data(const std::string& path, const char* format, long long need,
+                              long long have)
+{
+    return path + ": the " + format + " data is shorter than its header says (" +
+           std::to_string(need) + " bytes needed, " + std::to_string(have) + " found)";
+}
+
 /* ---- NIfTI ---- */
 
 #ifdef VOXELUNE_RENDER_NIFTI
-/*
- * Bytes of a file after decompression (plain files are read as they are);
- * -1 when it cannot be read.  niftilib fills missing data with zeros, so
- * the tool measures the data itself.
- */
-static long long stored_size(const std::string& path)
+/* The element type of a NIfTI data type; 0 for a type the tool does not read. */
+static int nifti_voxel_type(int datatype, Voxel_Type* type)
 {
-    if (!ends_with(path, ".gz")) {
-        struct stat st;
-        return stat(path.c_str(), &st) == 0 ? (long long)st.st_size : -1;
+    switch (datatype) {
+    case DT_UINT8: *type = VOXEL_U8; return 1;
+    case DT_INT8: *type = VOXEL_I8; return 1;
+    case DT_UINT16: *type = VOXEL_U16; return 1;
+    case DT_INT16: *type = VOXEL_I16; return 1;
+    case DT_UINT32: *type = VOXEL_U32; return 1;
+    case DT_INT32: *type = VOXEL_I32; return 1;
+    case DT_UINT64: *type = VOXEL_U64; return 1;
+    case DT_INT64: *type = VOXEL_I64; return 1;
+    case DT_FLOAT32: *type = VOXEL_F32; return 1;
+    case DT_FLOAT64: *type = VOXEL_F64; return 1;
+    default: return 0;
     }
-    gzFile f = gzopen(path.c_str(), "rb");
-    if (!f)
-        return -1;
-    std::vector<char> buf(1 << 16);
-    long long total = 0;
-    int got;
-    while ((got = gzread(f, buf.data(), (unsigned)buf.size())) > 0)
-        total += got;
-    gzclose(f);
-    return got < 0 ? -1 : total;
 }
 
-/* Element i of a loaded NIfTI image as a float; 0 with ok false for an unsupported type. */
-static float nifti_element(const nifti_image* nim, size_t i, bool* ok)
+/*
+ * Checks a NIfTI-1 header before any data is read: a single-file image,
+ * three dimensions at most (further ones of 1), a type the tool reads and
+ * a data offset that is a whole byte count from 352 on.
+ */
+static int check_nifti_header(const std::string& path, const nifti_1_header& h, long long d[3],
+                              Voxel_Type* type, long long* offset, std::string* error)
 {
-    const void* p = nim->data;
-    switch (nim->datatype) {
-    case DT_UINT8: return (float)((const unsigned char*)p)[i];
-    case DT_INT8: return (float)((const signed char*)p)[i];
-    case DT_UINT16: return (float)((const unsigned short*)p)[i];
-    case DT_INT16: return (float)((const short*)p)[i];
-    case DT_UINT32: return (float)((const unsigned int*)p)[i];
-    case DT_INT32: return (float)((const int*)p)[i];
-    case DT_UINT64: return (float)((const unsigned long long*)p)[i];
-    case DT_INT64: return (float)((const long long*)p)[i];
-    case DT_FLOAT32: return ((const float*)p)[i];
-    case DT_FLOAT64: return (float)((const double*)p)[i];
-    default: *ok = false; return 0.0f;
+    if (std::memcmp(h.magic, "n+1", 4) != 0) {
+        *error = path + ": not a single-file NIfTI-1 image (no \"n+1\" magic)";
+        return 0;
     }
+    if (h.dim[0] < 1 || h.dim[0] > 7) {
+        *error = path + ": the header's dimension count " + std::to_string(h.dim[0]) +
+                 " is not 1 to 7";
+        return 0;
+    }
+    for (int k = 1; k <= h.dim[0]; k++) {
+        if (h.dim[k] < 1) {
+            *error = path + ": dimension " + std::to_string(k) + " has " +
+                     std::to_string(h.dim[k]) + " entries";
+            return 0;
+        }
+        if (k <= 3)
+            d[k - 1] = h.dim[k];
+        else if (h.dim[k] > 1) {
+            *error = path + ": only 3-D volumes are rendered (dimension " + std::to_string(k) +
+                     " has " + std::to_string(h.dim[k]) + " entries)";
+            return 0;
+        }
+    }
+    if (!check_dims(path, d, error))
+        return 0;
+    if (!nifti_voxel_type(h.datatype, type)) {
+        *error = path + ": unsupported NIfTI data type " + nifti_datatype_string(h.datatype) +
+                 " (" + std::to_string(h.datatype) + ")";
+        return 0;
+    }
+    float off = h.vox_offset;
+    if (!(off >= 352.0f && off <= 1e15f) || off != std::floor(off)) {
+        char text[32];
+        std::snprintf(text, sizeof text, "%g", (double)off);
+        *error = path + ": the header's data offset (vox_offset " + text +
+                 ") is not a whole byte count from 352 on";
+        return 0;
+    }
+    *offset = (long long)off;
+    return 1;
 }
 #endif
 
@@ -240,62 +320,66 @@ int Render_Read_Nifti(const std::string& path, Voxel_Data* out, std::string* err
     if (!check_readable(path, error))
         return 0;
     nifti_set_debug_level(0);
-    /* The header first: dimensions and type are checked before any data is read. */
-    nifti_image* nim = nifti_image_read(path.c_str(), 0);
-    if (!nim) {
-        *error = path + ": not a readable NIfTI file";
-        return 0;
-    }
-    long long d[3] = {nim->nx, nim->ny > 0 ? nim->ny : 1, nim->nz > 0 ? nim->nz : 1};
-    for (int k = 4; k <= 7 && k <= nim->ndim; k++)
-        if (nim->dim[k] > 1) {
-            *error = path + ": only 3-D volumes are rendered (dimension " + std::to_string(k) +
-                     " has " + std::to_string(nim->dim[k]) + " entries)";
-            nifti_image_free(nim);
-            return 0;
+    /* The header alone, byte-swapped to this machine's order. */
+    int swapped = 0;
+    nifti_1_header* hdr = nifti_read_header(path.c_str(), &swapped, 1);
+    bool gz = ends_with(path, ".gz");
+    if (!hdr) {
+        *error = path + ": not a NIfTI-1 file (its header does not read as one)";
+        if (gz) {
+            FILE* f = std::fopen(path.c_str(), "rb");
+            if (f) {
+                /* a broken gzip stream is the likelier cause */
+                data_length(f, 0, true, 1 << 20, path, error);
+                std::fclose(f);
+            }
         }
-    if (!check_dims(path, d, error)) {
-        nifti_image_free(nim);
         return 0;
     }
-    bool ok = true;
-    nim->data = nullptr;
-    switch (nim->datatype) {
-    case DT_UINT8: case DT_INT8: case DT_UINT16: case DT_INT16: case DT_UINT32:
-    case DT_INT32: case DT_UINT64: case DT_INT64: case DT_FLOAT32: case DT_FLOAT64:
-        break;
-    default:
-        *error = path + ": unsupported NIfTI data type " + std::to_string(nim->datatype);
-        nifti_image_free(nim);
+    nifti_1_header h = *hdr;
+    std::free(hdr);
+    long long d[3] = {1, 1, 1}, offset = 0;
+    Voxel_Type type = VOXEL_U8;
+    if (!check_nifti_header(path, h, d, &type, &offset, error))
+        return 0;
+    long long n = d[0] * d[1] * d[2];
+    long long need = offset + n * Voxel_Type_Size(type);
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (!f) {
+        *error = path + ": " + std::strerror(errno);
         return 0;
     }
-    long long need = (long long)nim->iname_offset + (long long)nim->nvox * nim->nbyper;
-    long long have = stored_size(path);
+    long long have = data_length(f, 0, gz, need + (1 << 20), path, error);
+    std::fclose(f);
+    if (have < 0)
+        return 0;
     if (have < need) {
-        *error = path + ": the NIfTI data is shorter than its header says (" +
-                 std::to_string(need) + " bytes needed, " + std::to_string(have) + " found)";
-        nifti_image_free(nim);
+        *error = short_data(path, "NIfTI", need, have);
         return 0;
     }
-    if (nifti_image_load(nim) != 0 || !nim->data) {
-        *error = path + ": the NIfTI data could not be read (file too short?)";
-        nifti_image_free(nim);
+    /* The data as stored, through znzlib: niftilib's loader would turn NaN and inf into 0. */
+    znzFile zf = znzopen(path.c_str(), "rb", gz ? 1 : 0);
+    if (znz_isnull(zf)) {
+        *error = path + ": cannot open the NIfTI data";
         return 0;
     }
-    size_t n = (size_t)(d[0] * d[1] * d[2]);
-    out->values.resize(n);
+    int ok = znzseek(zf, (long)offset, SEEK_SET) >= 0 &&
+             read_elements([&zf](void* p, size_t sz, size_t c) { return znzread(p, sz, c, zf); },
+                           n, type, swapped != 0, &out->values);
+    znzclose(zf);
+    if (!ok) {
+        *error = path + ": the NIfTI data could not be read";
+        return 0;
+    }
     /* A zero slope means "no scaling" in NIfTI. */
-    bool scaled = nim->scl_slope != 0.0f && std::isfinite(nim->scl_slope) &&
-                  std::isfinite(nim->scl_inter) &&
-                  (nim->scl_slope != 1.0f || nim->scl_inter != 0.0f);
-    for (size_t i = 0; i < n; i++) {
-        float v = nifti_element(nim, i, &ok);
-        out->values[i] = scaled ? (float)((double)v * nim->scl_slope + nim->scl_inter) : v;
-    }
-    nifti_image_free(nim);
+    bool scaled = h.scl_slope != 0.0f && std::isfinite(h.scl_slope) &&
+                  std::isfinite(h.scl_inter) && (h.scl_slope != 1.0f || h.scl_inter != 0.0f);
+    if (scaled)
+        for (float& v : out->values)
+            v = (float)((double)v * h.scl_slope + h.scl_inter);
     for (int i = 0; i < 3; i++)
         out->dim[i] = (int)d[i];
-    return ok;
+    return 1;
 #else
     (void)out;
     *error = path + ": NIfTI support was not built in (install libnifti-dev and rebuild)";
@@ -305,61 +389,196 @@ int Render_Read_Nifti(const std::string& path, Voxel_Data* out, std::string* err
 
 /* ---- NRRD ---- */
 
+#ifdef VOXELUNE_RENDER_NRRD
+/* teem's reason for its last failure: the deepest line of its message, without the function name. */
+static std::string nrrd_cause()
+{
+    char* text = biffGetDone(NRRD);
+    std::string all = text ? text : "";
+    std::free(text);
+    while (!all.empty() && (all.back() == '\n' || all.back() == ' '))
+        all.pop_back();
+    std::string line = all.substr(all.find_last_of('\n') == std::string::npos
+                                      ? 0 : all.find_last_of('\n') + 1);
+    if (line.compare(0, 7, "[nrrd] ") == 0)
+        line = line.substr(7);
+    size_t colon = line.find(": ");
+    if (colon != std::string::npos && line.find(' ') == colon + 1)
+        line = line.substr(colon + 2);
+    return line.empty() ? "no reason given" : line;
+}
+
+/* The element type of a NRRD type; 0 for a type the tool does not read. */
+static int nrrd_voxel_type(int nrrd_type, Voxel_Type* type)
+{
+    switch (nrrd_type) {
+    case nrrdTypeChar: *type = VOXEL_I8; return 1;
+    case nrrdTypeUChar: *type = VOXEL_U8; return 1;
+    case nrrdTypeShort: *type = VOXEL_I16; return 1;
+    case nrrdTypeUShort: *type = VOXEL_U16; return 1;
+    case nrrdTypeInt: *type = VOXEL_I32; return 1;
+    case nrrdTypeUInt: *type = VOXEL_U32; return 1;
+    case nrrdTypeLLong: *type = VOXEL_I64; return 1;
+    case nrrdTypeULLong: *type = VOXEL_U64; return 1;
+    case nrrdTypeFloat: *type = VOXEL_F32; return 1;
+    case nrrdTypeDouble: *type = VOXEL_F64; return 1;
+    default: return 0;
+    }
+}
+
+/* Axes, dimensions and type of a loaded NRRD header. */
+static int check_nrrd_shape(const std::string& path, const Nrrd* nrrd, long long d[3],
+                            Voxel_Type* type, std::string* error)
+{
+    if (nrrd->dim < 1 || nrrd->dim > 3) {
+        *error = path + ": only 3-D volumes are rendered (the NRRD has " +
+                 std::to_string(nrrd->dim) + " axes)";
+        return 0;
+    }
+    for (unsigned int i = 0; i < nrrd->dim; i++)
+        d[i] = nrrd->axis[i].size > (size_t)max_voxels ? max_voxels + 1
+                                                       : (long long)nrrd->axis[i].size;
+    if (!check_dims(path, d, error))
+        return 0;
+    if (!nrrd_voxel_type(nrrd->type, type)) {
+        *error = path + ": unsupported NRRD element type " + airEnumStr(nrrdType, nrrd->type);
+        return 0;
+    }
+    return 1;
+}
+
+/*
+ * Looks at the "data file" field of a detached header before teem opens
+ * what it names: teem skips lines in it even when it reads no data, which
+ * never ends on a device such as /dev/zero.  One regular file, or data
+ * attached to the header, is accepted.
+ */
+static int check_nrrd_data_file(const std::string& path, std::string* error)
+{
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (!f) {
+        *error = path + ": " + std::strerror(errno);
+        return 0;
+    }
+    std::vector<char> head(1 << 16);
+    size_t got = std::fread(head.data(), 1, head.size(), f);
+    std::fclose(f);
+    std::string text(head.data(), got);
+    size_t end = text.find("\n\n");
+    size_t pos = 0;
+    while (pos < text.size() && pos < end) {
+        size_t nl = text.find('\n', pos);
+        std::string line = text.substr(pos, nl == std::string::npos ? std::string::npos : nl - pos);
+        pos = nl == std::string::npos ? text.size() : nl + 1;
+        for (const char* key : {"data file: ", "datafile: "}) {
+            if (line.compare(0, std::strlen(key), key) != 0)
+                continue;
+            std::string name = line.substr(std::strlen(key));
+            if (name.find(' ') != std::string::npos || name.compare(0, 4, "LIST") == 0) {
+                *error = path + ": NRRD data split over several files is not supported";
+                return 0;
+            }
+            size_t slash = path.find_last_of('/');
+            if (name[0] != '/' && slash != std::string::npos)
+                name = path.substr(0, slash + 1) + name;
+            struct stat st;
+            if (stat(name.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+                *error = path + ": the data file '" + name + "' is not a regular file";
+                return 0;
+            }
+        }
+    }
+    return 1;
+}
+
+/*
+ * Reads the header only (teem opens the data file and skips to the data)
+ * and checks it: shape, type, one data file, an encoding the tool can
+ * measure, and data as long as the header says.
+ */
+static int check_nrrd_header(const std::string& path, long long d[3], Voxel_Type* type,
+                             std::string* error)
+{
+    Nrrd* nrrd = nrrdNew();
+    NrrdIoState* nio = nrrdIoStateNew();
+    nio->skipData = AIR_TRUE;
+    nio->keepNrrdDataFileOpen = AIR_TRUE;
+    int ok = 0;
+    if (nrrdLoad(nrrd, path.c_str(), nio) != 0)
+        *error = path + ": not a readable NRRD file: " + nrrd_cause();
+    else if (nio->format != nrrdFormatNRRD)
+        *error = path + ": not a NRRD file";
+    else if (!check_nrrd_shape(path, nrrd, d, type, error))
+        ;
+    else if (nio->dataFNFormat || nio->dataFNArr->len > 1 || !nio->dataFile)
+        *error = path + ": NRRD data split over several files is not supported";
+    else {
+        FILE* f = nio->dataFile;
+        long long from = (long long)ftello(f);
+        long long bytes = d[0] * d[1] * d[2] * Voxel_Type_Size(*type);
+        long long need = -1, have = -1;
+        if (nio->encoding == nrrdEncodingRaw) {
+            need = bytes;
+        } else if (nio->encoding == nrrdEncodingHex) {
+            need = 2 * bytes;
+        } else if (nio->encoding == nrrdEncodingAscii) {
+            need = d[0] * d[1] * d[2];  /* a character per value at least */
+        } else if (nio->encoding == nrrdEncodingGzip) {
+            need = std::max(0L, nio->byteSkip) + bytes;
+        } else {
+            *error = path + ": NRRD encoding '" + nio->encoding->name +
+                     "' is not supported (use raw, gzip, hex or ascii)";
+        }
+        if (need >= 0)
+            have = data_length(f, from, nio->encoding == nrrdEncodingGzip, need + (1 << 20), path,
+                               error);
+        if (have >= 0 && have < need)
+            *error = short_data(path, "NRRD", need, have);
+        ok = have >= need && need >= 0;
+    }
+    if (nio->dataFile)
+        std::fclose(nio->dataFile);
+    nrrdIoStateNix(nio);
+    nrrdNuke(nrrd);
+    return ok;
+}
+#endif
+
 int Render_Read_Nrrd(const std::string& path, Voxel_Data* out, std::string* error)
 {
 #ifdef VOXELUNE_RENDER_NRRD
     if (!check_readable(path, error))
         return 0;
+    long long d[3] = {1, 1, 1};
+    Voxel_Type type = VOXEL_U8;
+    if (!check_nrrd_data_file(path, error) || !check_nrrd_header(path, d, &type, error))
+        return 0;
     Nrrd* nrrd = nrrdNew();
     if (nrrdLoad(nrrd, path.c_str(), nullptr) != 0) {
-        char* why = biffGetDone(NRRD);
-        std::string text = why ? why : "";
-        std::free(why);
-        /* Keep the first line of teem's message: it names the problem. */
-        size_t nl = text.find('\n');
-        if (nl != std::string::npos)
-            text.resize(nl);
-        *error = path + ": not a readable NRRD file" + (text.empty() ? "" : " (" + text + ")");
+        *error = path + ": not a readable NRRD file: " + nrrd_cause();
         nrrdNuke(nrrd);
         return 0;
     }
-    if (nrrd->dim < 1 || nrrd->dim > 3) {
-        *error = path + ": only 3-D volumes are rendered (the NRRD has " +
-                 std::to_string(nrrd->dim) + " axes)";
-        nrrdNuke(nrrd);
-        return 0;
+    /* The file may have changed since its header was checked. */
+    long long again[3] = {1, 1, 1};
+    Voxel_Type again_type = VOXEL_U8;
+    int ok = check_nrrd_shape(path, nrrd, again, &again_type, error);
+    if (ok && (again[0] != d[0] || again[1] != d[1] || again[2] != d[2] || again_type != type)) {
+        *error = path + ": the file changed while it was read";
+        ok = 0;
     }
-    long long d[3] = {1, 1, 1};
-    for (unsigned int i = 0; i < nrrd->dim; i++)
-        d[i] = nrrd->axis[i].size > (size_t)max_voxels ? max_voxels + 1 : (long long)nrrd->axis[i].size;
-    if (!check_dims(path, d, error)) {
-        nrrdNuke(nrrd);
-        return 0;
-    }
-    size_t n = (size_t)(d[0] * d[1] * d[2]);
-    out->values.resize(n);
-    const void* p = nrrd->data;
-    for (size_t i = 0; i < n; i++) {
-        float v;
-        switch (nrrd->type) {
-        case nrrdTypeChar: v = (float)((const signed char*)p)[i]; break;
-        case nrrdTypeUChar: v = (float)((const unsigned char*)p)[i]; break;
-        case nrrdTypeShort: v = (float)((const short*)p)[i]; break;
-        case nrrdTypeUShort: v = (float)((const unsigned short*)p)[i]; break;
-        case nrrdTypeInt: v = (float)((const int*)p)[i]; break;
-        case nrrdTypeUInt: v = (float)((const unsigned int*)p)[i]; break;
-        case nrrdTypeLLong: v = (float)((const long long*)p)[i]; break;
-        case nrrdTypeULLong: v = (float)((const unsigned long long*)p)[i]; break;
-        case nrrdTypeFloat: v = ((const float*)p)[i]; break;
-        case nrrdTypeDouble: v = (float)((const double*)p)[i]; break;
-        default:
-            *error = path + ": unsupported NRRD element type";
-            nrrdNuke(nrrd);
-            return 0;
-        }
-        out->values[i] = v;
+    if (ok) {
+        /* teem leaves the data in this machine's byte order */
+        const unsigned char* p = (const unsigned char*)nrrd->data;
+        read_elements([&p](void* dst, size_t sz, size_t c) {
+                          std::memcpy(dst, p, sz * c);
+                          p += sz * c;
+                          return c;
+                      }, d[0] * d[1] * d[2], type, false, &out->values);
     }
     nrrdNuke(nrrd);
+    if (!ok)
+        return 0;
     for (int i = 0; i < 3; i++)
         out->dim[i] = (int)d[i];
     return 1;
@@ -378,7 +597,7 @@ int Render_Apply_Window(std::vector<float>* values, bool set, double low, double
     if (!set) {
         bool any = false;
         for (float v : *values) {
-            if (std::isnan(v))
+            if (!std::isfinite(v))
                 continue;
             if (!any || v < low)
                 low = v;
@@ -387,12 +606,15 @@ int Render_Apply_Window(std::vector<float>* values, bool set, double low, double
             any = true;
         }
         if (!any) {
-            *error = "the volume holds no grey level that is a number";
+            *error = "the volume holds no finite grey level (only NaN or infinite voxels); "
+                     "give --window LOW:HIGH";
             return 0;
         }
         if (low == high) {
-            *error = "the volume is constant (" + std::to_string(low) +
-                     "), so its window's ends are equal; give --window LOW:HIGH";
+            char text[32];
+            std::snprintf(text, sizeof text, "%g", low);
+            *error = std::string("every finite grey level of the volume is ") + text +
+                     ", so there is no range to map to 0..1; give --window LOW:HIGH";
             return 0;
         }
     }

@@ -4,8 +4,11 @@
  * phantom.
  *
  * Every reader returns its voxels as floats, x fastest, then y, then z,
- * which is the layout the library takes.  Readers return 1 on success,
- * or 0 with a one-line message in *error; they never print.
+ * which is the layout the library takes; NaN and inf voxels of float
+ * files arrive as they are stored.  Each reader checks the header
+ * (dimensions, voxel count, type, data offset and length against the
+ * file) before it reads any data.  Readers return 1 on success, or 0
+ * with a one-line message in *error; they never print.
  */
 #ifndef VOXELUNE_TOOLS_RENDER_VOLUME_H
 #define VOXELUNE_TOOLS_RENDER_VOLUME_H
@@ -52,10 +55,11 @@ int Render_Read_Nrrd(const std::string& path, Voxel_Data* out, std::string* erro
 int Render_Load_Volume(const Render_Options& opt, Render_Volume* vol, std::string* error);
 
 /*
- * Maps values to 0..1: (v - low) / (high - low), clamped; NaN stays NaN.
- * Without a window (set false) low and high are the smallest and the
- * largest value that is not NaN.  Refused: equal ends (also a constant
- * volume without a window), no value that is not NaN.
+ * Maps values to 0..1: (v - low) / (high - low), clamped (so -inf and inf
+ * go to the ends); NaN stays NaN.  Without a window (set false) low and
+ * high are the smallest and the largest finite value.  Refused: equal
+ * ends (also a volume with one finite value without a window), no finite
+ * value.
  */
 int Render_Apply_Window(std::vector<float>* values, bool set, double low, double high,
                         std::string* error);

@@ -1,206 +1,126 @@
 /*
- * Option parsing of voxelune-render: defaults, every value form, and the
- * refusals that must happen before any file is read or written.
+ * voxelune-render's pieces in process: options, compositing, file names, the grey-level window,
+ * tags and raw element types.
  */
+#include "render_frame.h"
 #include "render_options.h"
+#include "render_png.h"
+#include "render_volume.h"
+#include "tool_test_util.h"
 
 #include <gtest/gtest.h>
 
-#include <initializer_list>
-#include <string>
-#include <vector>
+#include <cmath>
 
-/* Parses "voxelune-render <args>"; returns the parser's result. */
-static int parse(std::initializer_list<const char*> args, Render_Options* opt, std::string* error)
+static int parse(const std::vector<const char*>& args, Render_Options* opt, std::string* error)
 {
     std::vector<const char*> argv = {"voxelune-render"};
     argv.insert(argv.end(), args.begin(), args.end());
     return Render_Parse_Options((int)argv.size(), argv.data(), opt, error);
 }
 
-/* Expects the arguments to be refused; returns the message. */
-static std::string refused(std::initializer_list<const char*> args)
+TEST(RenderOptions, BadValuesAreRefusedNamingTheProblem)
+{
+    /* message: a part of the error line; null means the option's own name */
+    const struct { std::vector<const char*> args; const char* message; } cases[] = {
+        {{"--size", "0"}, 0}, {{"--size", "10x0"}, 0}, {{"--size", "4x4x4"}, 0}, {{"--size", "12a"}, 0},
+        {{"--window", "5:5"}, "equal"}, {{"--window", "1:inf"}, 0}, {{"--colour", "1"}, "unknown option"},
+        {{"--threshold"}, "needs a value"}, {{"--cpu=1"}, "takes no value"}, {{"a.nii", "b.nii"}, "only one"},
+        {{"--cpu", "--gpu"}, "--cpu and --gpu exclude each other"}, {{"--raw", "64x32:u16", "a"}, 0},
+        {{"--raw", "0x4x4:u8", "a"}, 0}, {{"--raw", "4x4x4:u12", "a"}, 0},
+        {{"--raw", "2000x2000x2000:u8", "a"}, 0}, {{"--raw", "4x4x4:u8"}, "needs an input"},
+        {{"--endian", "middle"}, 0}, {{"--offset", "8", "a.nii"}, "only to a raw"}, {{"--offset", "-1"}, 0},
+        {{"--tag-color", "256=000000"}, 0}, {{"--tag-color", "3=GG0000"}, 0}, {{"--map", "2:5-3"}, 0},
+        {{"--map", "2:"}, 0}, {{"--map", "0:0-255"}, 0}, {{"--light", "1:FFFFFF"}, 0},
+        {{"--light", "5:off"}, 0}, {{"--light", "1:FFFFFF:0,0,0"}, 0}, {{"--clip-box", "0.5,0.4,0,1,0,1"}, 0},
+        {{"--clip-box", "0,1.2,0,1,0,1"}, 0}, {{"--depth-clip", "1.5"}, 0}, {{"--workers", "65"}, 0},
+        {{"--turntable", "0"}, 0}, {{"--zoom", "11"}, 0}, {{"--threshold", "nan"}, 0},
+        {{"--threshold", "1e39"}, 0}, {{"--timeout", "0"}, 0}, {{"--phantom-size", "7"}, 0},
+        {{"--background", "12345"}, 0}, {{"--view", "10,20"}, 0}, {{"--scheme", "5"}, 0},
+        {{"--tags", "l.nii"}, "needs an input"},
+    };
+    for (const auto& c : cases) {
+        Render_Options opt;
+        std::string error;
+        EXPECT_EQ(0, parse(c.args, &opt, &error)) << c.args[0];
+        EXPECT_NE(std::string::npos, error.find(c.message ? c.message : c.args[0])) << error;
+        EXPECT_EQ(std::string::npos, error.find("''")) << error;
+    }
+}
+
+TEST(RenderOptions, ValuesNoEndToEndRunShows)
 {
     Render_Options opt;
     std::string error;
-    EXPECT_EQ(0, parse(args, &opt, &error));
-    EXPECT_FALSE(error.empty());
-    return error;
+    ASSERT_EQ(1, parse({"--size=640x480", "v.raw", "--raw", "64x32x16:u16", "--endian", "big",
+                        "--window=300,-100", "--map", "2:1,3-5,4", "--scheme", "mixed"}, &opt, &error))
+        << error;
+    EXPECT_TRUE(opt.height == 480 && opt.raw_layout.big_endian && opt.scheme == 4);
+    EXPECT_EQ(300.0, opt.window_low);  /* inverted: allowed */
+    EXPECT_EQ((std::vector<unsigned char>{1, 3, 4, 5}), opt.maps.at(0).values);
 }
 
-static Render_Options accepted(std::initializer_list<const char*> args)
+TEST(RenderPixels, CompositeOverTheBackground)
 {
-    Render_Options opt;
+    /* missed, crossed with nothing seen, opaque, 51/255 of the background added, saturated */
+    const unsigned int cases[][3] = {{0x00000000u, 0x336699, 0x336699}, {0xFF000000u, 0x336699, 0x336699},
+                                     {0x00102030u, 0xFFFFFF, 0x102030}, {0x33102030u, 0xFFFFFF, 0x435363},
+                                     {0xFFF02030u, 0xFF0000, 0xFF2030}};
+    for (const auto& c : cases)
+        EXPECT_EQ(c[2], Render_Composite(c[0], c[1])) << std::hex << c[0];
+}
+
+TEST(RenderNames, FramesAndLevelsCarryTheirIndex)
+{
+    EXPECT_EQ("out/v.png", Render_Frame_Name("out/v.png", 0, 1));
+    EXPECT_EQ("out/v_007.png", Render_Frame_Name("out/v.png", 7, 12));
+    EXPECT_EQ("a.b/v_000", Render_Frame_Name("a.b/v", 0, 2));
+    EXPECT_EQ(".hidden_001", Render_Frame_Name(".hidden", 1, 2));
+    EXPECT_EQ("v_0999.png", Render_Frame_Name("v.png", 999, 1001));
+    EXPECT_EQ("p/v_level2.png", Render_Level_Name("p", "out/v.png", 0, 1, 2));
+    EXPECT_EQ("p/v_003_level1.png", Render_Level_Name("p/", "v.png", 3, 10, 1));
+}
+
+TEST(RenderWindow, MapsFiniteRangeKeepsNanAndRefusesNoRange)
+{
+    const float inf = INFINITY;
+    std::vector<float> v = {10, 20, 15, NAN, 30, inf, -inf};
     std::string error;
-    EXPECT_EQ(1, parse(args, &opt, &error)) << error;
-    return opt;
+    ASSERT_EQ(1, Render_Apply_Window(&v, false, 0, 0, &error)) << error;
+    EXPECT_EQ((std::vector<float>{0, 0.5f, 0.25f}), std::vector<float>(v.begin(), v.begin() + 3));
+    EXPECT_TRUE(std::isnan(v[3]));
+    EXPECT_EQ((std::vector<float>{1, 1, 0}), std::vector<float>(v.begin() + 4, v.end()));
+    v = {0, 25, 100, 200};
+    ASSERT_EQ(1, Render_Apply_Window(&v, true, 100, 0, &error));
+    EXPECT_EQ((std::vector<float>{1, 0.75f, 0, 0}), v);
+    for (std::vector<float> bad : {std::vector<float>{3, inf, 3}, {NAN, inf, -inf}}) {
+        EXPECT_EQ(0, Render_Apply_Window(&bad, false, 0, 0, &error));
+        EXPECT_NE(std::string::npos, error.find("--window")) << error;
+    }
+    EXPECT_EQ(0, Render_Apply_Window(&v, true, 7, 7, &error));
+    std::vector<unsigned char> t;
+    EXPECT_EQ(1, Render_Make_Tags({0, 1, 255}, &t, &error));
+    for (float tag : {256.0f, -1.0f, 1.5f, NAN})
+        EXPECT_EQ(0, Render_Make_Tags({tag}, &t, &error)) << tag;
 }
 
-TEST(RenderOptions, NoArgumentsRendersThePhantomToVoxelunePng)
+TEST(RenderRaw, EveryTypeAndByteOrder)
 {
-    Render_Options opt = accepted({});
-    EXPECT_TRUE(opt.input.empty());
-    EXPECT_EQ("voxelune.png", opt.output);
-    EXPECT_EQ(512, opt.width);
-    EXPECT_EQ(512, opt.height);
-    EXPECT_EQ(128, opt.phantom_size);
-    EXPECT_EQ(RENDER_DEVICE_AUTO, opt.device);
-    EXPECT_FALSE(opt.window_set);
-}
-
-TEST(RenderOptions, ValuesTakeBothSeparateAndInlineForms)
-{
-    Render_Options opt = accepted({"--size=640x480", "-o", "out.png", "vol.nii", "--workers", "3"});
-    EXPECT_EQ(640, opt.width);
-    EXPECT_EQ(480, opt.height);
-    EXPECT_EQ("out.png", opt.output);
-    EXPECT_EQ("vol.nii", opt.input);
-    EXPECT_EQ(3, opt.workers);
-    EXPECT_EQ(200, accepted({"--size", "200"}).height);
-}
-
-TEST(RenderOptions, SizeOfZeroOrOutOfRangeIsRefused)
-{
-    for (const char* v : {"0", "0x10", "10x0", "8193", "3x", "x3", "-4", "4x4x4", "", "12a"})
-        EXPECT_NE(std::string::npos, refused({"--size", v}).find("--size")) << v;
-}
-
-TEST(RenderOptions, WindowWithEqualEndsIsRefusedAndNegativeEndsParse)
-{
-    EXPECT_NE(std::string::npos, refused({"--window", "5:5"}).find("equal"));
-    EXPECT_NE(std::string::npos, refused({"--window", "0.5,0.5"}).find("equal"));
-    refused({"--window", "1"});
-    refused({"--window", "a:b"});
-    refused({"--window", "1:inf"});
-    Render_Options opt = accepted({"--window", "-1000:3000"});
-    EXPECT_TRUE(opt.window_set);
-    EXPECT_EQ(-1000.0, opt.window_low);
-    EXPECT_EQ(3000.0, opt.window_high);
-    opt = accepted({"--window=300,-100"});  /* inverted: allowed */
-    EXPECT_EQ(300.0, opt.window_low);
-}
-
-TEST(RenderOptions, UnknownOptionsMissingValuesAndStrayValuesAreRefused)
-{
-    EXPECT_NE(std::string::npos, refused({"--colour", "1"}).find("unknown option"));
-    EXPECT_NE(std::string::npos, refused({"--threshold"}).find("needs a value"));
-    EXPECT_NE(std::string::npos, refused({"--cpu=1"}).find("takes no value"));
-    EXPECT_NE(std::string::npos, refused({"a.nii", "b.nii"}).find("only one"));
-    refused({"--cpu", "--gpu"});
-}
-
-TEST(RenderOptions, RawLayoutIsParsedAndChecked)
-{
-    Render_Options opt = accepted({"--raw", "64x32x16:u16", "--endian", "big", "--offset", "352",
-                                   "data.img"});
-    EXPECT_TRUE(opt.raw);
-    EXPECT_EQ(64, opt.raw_layout.dim[0]);
-    EXPECT_EQ(32, opt.raw_layout.dim[1]);
-    EXPECT_EQ(16, opt.raw_layout.dim[2]);
-    EXPECT_EQ(VOXEL_U16, opt.raw_layout.type);
-    EXPECT_TRUE(opt.raw_layout.big_endian);
-    EXPECT_EQ(352, opt.raw_layout.offset);
-
-    refused({"--raw", "64x32:u16", "a"});
-    refused({"--raw", "0x4x4:u8", "a"});
-    refused({"--raw", "4x4x4:u12", "a"});
-    refused({"--raw", "4x4x4", "a"});
-    refused({"--raw", "2000x2000x2000:u8", "a"});  /* above 2^31-1 voxels */
-    refused({"--raw", "4x4x4:u8"});                /* no input */
-    refused({"--endian", "middle"});
-    refused({"--offset", "8", "a.nii"});            /* not raw */
-    refused({"--offset", "-1", "--raw", "1x1x1:u8", "a"});
-}
-
-TEST(RenderOptions, TagColoursAndMaps)
-{
-    Render_Options opt = accepted({"--tag-color", "3=FF8000", "--map", "2:1,3-5,4", "--map", "7:9"});
-    ASSERT_EQ(1u, opt.tag_colors.size());
-    EXPECT_EQ(3, opt.tag_colors[0].first);
-    EXPECT_EQ(0xFF8000u, opt.tag_colors[0].second);
-    ASSERT_EQ(2u, opt.maps.size());
-    EXPECT_EQ(2, opt.maps[0].color_index);
-    EXPECT_EQ((std::vector<unsigned char>{1, 3, 4, 5}), opt.maps[0].values);  /* 4 once */
-    EXPECT_EQ(7, opt.maps[1].color_index);
-
-    refused({"--tag-color", "256=000000"});
-    refused({"--tag-color", "3=GG0000"});
-    refused({"--tag-color", "3=FFF"});
-    EXPECT_EQ(0x00FF00u, accepted({"--tag-color", "9=#00ff00"}).tag_colors[0].second);
-    refused({"--map", "2:5-3"});
-    refused({"--map", "2:"});
-    refused({"--map", "256:1"});
-    refused({"--map", "0:0-255"});  /* 256 values: a map counts them in a byte */
-}
-
-TEST(RenderOptions, LightsNeedADirectionExceptTheAmbientOne)
-{
-    Render_Options opt = accepted({"--light", "0:404040", "--light", "2:FFFFFF:0,0,1",
-                                   "--light", "1:off"});
-    EXPECT_TRUE(opt.lights[0].on);
-    EXPECT_EQ(0x404040u, opt.lights[0].color);
-    EXPECT_TRUE(opt.lights[2].on);
-    EXPECT_EQ(1.0f, opt.lights[2].dir[2]);
-    EXPECT_TRUE(opt.lights[1].set);
-    EXPECT_FALSE(opt.lights[1].on);
-    EXPECT_FALSE(opt.lights[3].set);
-
-    refused({"--light", "1:FFFFFF"});
-    refused({"--light", "5:off"});
-    refused({"--light", "1:FFFFFF:0,0,0"});
-    refused({"--light", "1:FFFFFF:1,2"});
-}
-
-TEST(RenderOptions, ClipValuesAreFractions)
-{
-    Render_Options opt = accepted({"--clip-box", "0,1,0.25,0.75,0.5,1", "--depth-clip", "0.3"});
-    EXPECT_TRUE(opt.clip_box_set);
-    EXPECT_EQ(0.25f, opt.clip_box[2]);
-    EXPECT_EQ(0.3f, opt.depth_clip);
-    refused({"--clip-box", "0.5,0.4,0,1,0,1"});
-    refused({"--clip-box", "0,1.2,0,1,0,1"});
-    refused({"--clip-box", "0,1,0,1,0"});
-    refused({"--depth-clip", "1.5"});
-    refused({"--depth-clip", "-0.1"});
-}
-
-TEST(RenderOptions, NumbersOutOfRangeAreRefused)
-{
-    refused({"--workers", "0"});
-    refused({"--workers", "65"});
-    EXPECT_EQ(64, accepted({"--workers", "64"}).workers);
-    refused({"--turntable", "0"});
-    refused({"--zoom", "0"});
-    refused({"--zoom", "11"});
-    EXPECT_EQ(2.5f, accepted({"--zoom", "2.5"}).zoom);
-    refused({"--threshold", "nan"});
-    refused({"--threshold", "1e39"});
-    refused({"--threshold", "0.5x"});
-    refused({"--timeout", "0"});
-    refused({"--phantom-size", "7"});
-    refused({"--background", "12345"});
-    refused({"--view", "10,20"});
-    refused({"--scheme", "5"});
-    EXPECT_EQ(4, accepted({"--scheme", "mixed"}).scheme);
-    EXPECT_EQ(2, accepted({"--scheme", "2"}).scheme);
-}
-
-TEST(RenderOptions, TagsNeedAnInputVolume)
-{
-    refused({"--tags", "labels.nii"});
-    EXPECT_EQ("labels.nii", accepted({"--tags", "labels.nii", "grey.nii"}).tags);
-}
-
-TEST(RenderOptions, HelpDocumentsEveryOption)
-{
-    Render_Options opt = accepted({"--output", "x.png", "--help"});
-    EXPECT_TRUE(opt.help);
-    std::string help = Render_Help_Text();
-    for (const char* name :
-         {"--input", "--raw", "--endian", "--offset", "--tags", "--tag-type", "--window",
-          "--phantom-size", "--output", "--size", "--background", "--progressive", "--view",
-          "--turntable", "--zoom", "--threshold", "--scheme", "--tag-color", "--map", "--light",
-          "--clip-box", "--depth-clip", "--no-jitter", "--workers", "--cpu", "--gpu",
-          "--timeout", "--timing", "--trace", "--quiet", "--help"})
-        EXPECT_NE(std::string::npos, help.find(name)) << name;
+    Scratch_Dir dir;
+    const std::string bytes("\x80\xFF\x7F\x3F\x00\x00\xF0\x7F", 8);
+    const struct { Voxel_Type type; bool big; int offset; float value; } cases[] = {
+        {VOXEL_I8, false, 0, -128}, {VOXEL_U8, false, 0, 128}, {VOXEL_I16, false, 0, -128},
+        {VOXEL_U16, true, 0, 33023}, {VOXEL_U16, false, 2, 16255}, {VOXEL_I32, false, 0, 1065353088},
+        {VOXEL_U32, true, 0, (float)2164227903u}, {VOXEL_F32, false, 0, 0.99999237060546875f},
+        {VOXEL_I64, false, 0, (float)9218868438644473728LL}, {VOXEL_F64, false, 0, NAN},
+    };
+    for (const auto& c : cases) {
+        Write_Bytes(dir / "v.raw", bytes.substr(0, c.offset + Voxel_Type_Size(c.type)));
+        Raw_Layout l{{1, 1, 1}, c.type, c.big, c.offset};
+        Voxel_Data v;
+        std::string error;
+        ASSERT_EQ(1, Render_Read_Raw(dir / "v.raw", l, &v, &error)) << error;
+        EXPECT_TRUE(std::isnan(c.value) ? std::isnan(v.values.at(0)) : v.values.at(0) == c.value)
+            << c.type << ": " << v.values[0];
+    }
 }

@@ -1,23 +1,32 @@
 /*
  * tool_test_util.h - helpers of the voxelune-render tests: a scratch
- * directory that removes itself, small file writers, and the built tool
- * run as a subprocess with its output captured.
+ * directory that removes itself, small files, and the built tool run as
+ * a subprocess with its output captured.
  */
 #ifndef VOXELUNE_TESTS_TOOL_TEST_UTIL_H
 #define VOXELUNE_TESTS_TOOL_TEST_UTIL_H
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <vector>
+
+/* Names in a directory, sorted, without "." and "..". */
+inline std::vector<std::string> List_Dir(const std::string& dir)
+{
+    std::vector<std::string> names;
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator(dir, ec))
+        names.push_back(e.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+}
 
 /* A fresh directory under /tmp, removed with its contents at the end of the test. */
 struct Scratch_Dir {
@@ -25,111 +34,46 @@ struct Scratch_Dir {
     Scratch_Dir()
     {
         char tmpl[] = "/tmp/voxelune-tool-XXXXXX";
-        const char* p = mkdtemp(tmpl);
-        path = p ? p : "/tmp";
+        path = mkdtemp(tmpl) ? tmpl : "/tmp/voxelune-tool-none";
     }
-    ~Scratch_Dir() { remove_tree(path); }
-    std::string operator/(const std::string& name) const { return path + "/" + name; }
-
-    static void remove_tree(const std::string& dir)
+    ~Scratch_Dir()
     {
-        DIR* d = opendir(dir.c_str());
-        if (!d)
-            return;
-        while (dirent* e = readdir(d)) {
-            std::string name = e->d_name;
-            if (name == "." || name == "..")
-                continue;
-            std::string full = dir + "/" + name;
-            struct stat st;
-            if (lstat(full.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
-                remove_tree(full);
-            else
-                unlink(full.c_str());
-        }
-        closedir(d);
-        rmdir(dir.c_str());
+        std::error_code ec;
+        std::filesystem::remove_all(path, ec);
     }
+    std::string operator/(const std::string& name) const { return path + "/" + name; }
 };
 
-/* Names in a directory, without "." and "..". */
-inline std::vector<std::string> List_Dir(const std::string& dir)
+inline void Write_Bytes(const std::string& path, const std::string& bytes)
 {
-    std::vector<std::string> names;
-    DIR* d = opendir(dir.c_str());
-    if (!d)
-        return names;
-    while (dirent* e = readdir(d)) {
-        std::string name = e->d_name;
-        if (name != "." && name != "..")
-            names.push_back(name);
-    }
-    closedir(d);
-    return names;
-}
-
-inline bool File_Exists(const std::string& path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
-
-inline void Write_Bytes(const std::string& path, const void* data, size_t size)
-{
-    std::ofstream f(path, std::ios::binary);
-    f.write((const char*)data, (std::streamsize)size);
+    std::ofstream(path, std::ios::binary) << bytes;
 }
 
 inline std::string Read_Text(const std::string& path)
 {
     std::ifstream f(path, std::ios::binary);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
+    return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
 
-/* What a run of the tool left behind. */
+/* What a run of the tool left behind: exit status (-1: it did not exit), output, errors. */
 struct Tool_Result {
-    int status = -1;     /* exit status; -1 when it did not exit normally */
-    std::string out;     /* standard output */
-    std::string err;     /* standard error */
+    int status = -1;
+    std::string out, err;
 };
 
-/*
- * Runs the built voxelune-render with args in directory cwd, standard
- * output and error captured into files of cwd's parent scratch (they are
- * read back and removed, so cwd holds only what the tool wrote).
- */
+/* Runs the built voxelune-render with args (no quotes in them) in directory cwd. */
 inline Tool_Result Run_Tool(const std::vector<std::string>& args, const std::string& cwd)
 {
-    char out_tmpl[] = "/tmp/voxelune-tool-out-XXXXXX";
-    char err_tmpl[] = "/tmp/voxelune-tool-err-XXXXXX";
-    int out_fd = mkstemp(out_tmpl);
-    int err_fd = mkstemp(err_tmpl);
-    Tool_Result r;
-    pid_t pid = fork();
-    if (pid == 0) {
-        if (chdir(cwd.c_str()) != 0)
-            _exit(127);
-        dup2(out_fd, 1);
-        dup2(err_fd, 2);
-        std::vector<char*> argv;
-        argv.push_back((char*)VOXELUNE_RENDER_EXE);
-        for (const std::string& a : args)
-            argv.push_back((char*)a.c_str());
-        argv.push_back(nullptr);
-        execv(VOXELUNE_RENDER_EXE, argv.data());
-        _exit(127);
-    }
-    int status = 0;
-    if (pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status))
-        r.status = WEXITSTATUS(status);
-    close(out_fd);
-    close(err_fd);
-    r.out = Read_Text(out_tmpl);
-    r.err = Read_Text(err_tmpl);
-    unlink(out_tmpl);
-    unlink(err_tmpl);
+    char out[] = "/tmp/voxelune-tool-out-XXXXXX", err[] = "/tmp/voxelune-tool-err-XXXXXX";
+    close(mkstemp(out));
+    close(mkstemp(err));
+    std::string command = "cd '" + cwd + "' && exec '" VOXELUNE_RENDER_EXE "'";
+    for (const std::string& a : args)
+        command += " '" + a + "'";
+    int status = std::system((command + " >" + out + " 2>" + err).c_str());
+    Tool_Result r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, Read_Text(out), Read_Text(err)};
+    unlink(out);
+    unlink(err);
     return r;
 }
 
