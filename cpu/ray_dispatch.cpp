@@ -28,6 +28,7 @@
 
 #include "cpu/ray_pixel.h"
 #include "cpu/ray_dispatch_state.h"
+#include "voxelune/voxelune_layout.h"
 
 #define SRC_NAME "ray_dispatch"
 
@@ -166,13 +167,7 @@ static int make_pipe(int fds[2])
 
 /* ------------------------------------------------------------ pure pieces */
 
-int Ray_Layout_Levels(int n)
-{
-    if (n < 1) return 1;
-    float s = sqrtf(static_cast<float>(n) / 1000.0f);
-    if (s < 1.0f) s = 1.0f;
-    return 1 + static_cast<int>(log2f(s));
-}
+int Ray_Layout_Levels(int n) { return Voxelune_Level_Count(n, 1); }
 
 void Ray_Layout_Thresholds(int w, int h, int levels, int* thr)
 {

@@ -191,15 +191,18 @@ int Ray_Cuda(unsigned short slot)
     RAY_CHECK(cudaMalloc(reinterpret_cast<void**>(&cuda_color), bytes), "cudaMalloc[cuda_color]");
     double t1 = Ray_Now_Ms();
 
-    const int grid = (n + static_cast<int>(block) - 1) / static_cast<int>(block);
-    Ray_Cuda_Launch(
-        [&] {
-            Ray_Individual<<<dim3(static_cast<unsigned int>(grid), 1, 1), dim3(block, 1, 1)>>>(
-                n, cuda_color, Ray_Cuda_GLI[s], Ray_Cuda_TAG[s], Ray_Cuda_Grad_A[s], Ray_Cuda_Grad_X[s],
-                Ray_Cuda_Grad_Y[s], Ray_Cuda_Grad_Z[s]);
-        },
-        "cudaLaunchKernel[Ray_Individual]", RAY_CUDA_SRC, __LINE__);
-    RAY_CHECK(cudaDeviceSynchronize(), "cudaDeviceSynchronize[Ray_Individual]");
+    /* An empty box has no pixel to cast: a launch of no block would be refused. */
+    if (n > 0) {
+        const int grid = (n + static_cast<int>(block) - 1) / static_cast<int>(block);
+        Ray_Cuda_Launch(
+            [&] {
+                Ray_Individual<<<dim3(static_cast<unsigned int>(grid), 1, 1), dim3(block, 1, 1)>>>(
+                    n, cuda_color, Ray_Cuda_GLI[s], Ray_Cuda_TAG[s], Ray_Cuda_Grad_A[s], Ray_Cuda_Grad_X[s],
+                    Ray_Cuda_Grad_Y[s], Ray_Cuda_Grad_Z[s]);
+            },
+            "cudaLaunchKernel[Ray_Individual]", RAY_CUDA_SRC, __LINE__);
+        RAY_CHECK(cudaDeviceSynchronize(), "cudaDeviceSynchronize[Ray_Individual]");
+    }
     double t2 = Ray_Now_Ms();
 
     RAY_CHECK(cudaMemcpy(box->Graph_Normal, cuda_color, bytes, cudaMemcpyDeviceToHost),
