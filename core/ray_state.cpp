@@ -34,9 +34,14 @@ void Ray_Trace_Alloc(int line, const char* file, const char* call, const char* v
 
 std::atomic<int> Ray_Fail_Alloc_At{0};
 
+/* Buffers of this size and more are read all over by the renderers: 2 MiB pages spare the TLB. */
+#define RAY_LARGE_BYTES (size_t(4) << 20)
+
 void* Ray_Malloc(size_t bytes, int line, const char* file, const char* var, int d1, int d2)
 {
-    void* p = Plat_Injected_Failure(Ray_Fail_Alloc_At) ? nullptr : malloc(bytes);
+    void* p = Plat_Injected_Failure(Ray_Fail_Alloc_At) ? nullptr
+              : bytes >= RAY_LARGE_BYTES                ? Plat_Alloc_Large(bytes)
+                                                        : malloc(bytes);
     if (!p) Ray_Trace_Alloc(line, file, "malloc", var, d1, d2);
     return p;
 }

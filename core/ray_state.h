@@ -43,7 +43,8 @@ void Ray_Trace_Alloc(int line, const char* file, const char* call, const char* v
 
 /*
  * malloc, calloc and realloc that write the allocation-failure line when
- * they fail: line is the caller's __LINE__, written on the line of the
+ * they fail (a large malloc is taken in 2 MiB pages, see Plat_Alloc_Large;
+ * every block is released with free()): line is the caller's __LINE__, written on the line of the
  * call; var, d1 and d2 name the variable and its dimensions.  Each call
  * counts Ray_Fail_Alloc_At down (tests inject failures with it).
  */
