@@ -12,12 +12,14 @@ set(CMAKE_CXX_COMPILER ${VOXELUNE_MINGW}-g++-posix)
 set(CMAKE_RC_COMPILER ${VOXELUNE_MINGW}-windres)
 set(CMAKE_OBJDUMP ${VOXELUNE_MINGW}-objdump CACHE FILEPATH "objdump for PE files")
 
-# Headers and libraries of the target only; programs of the build machine.
+# Headers and libraries of the target only; programs of the build machine;
+# CMake packages also from CMAKE_PREFIX_PATH as given (an installed
+# Windows build of Voxelune, for a host program).
 set(CMAKE_FIND_ROOT_PATH /usr/${VOXELUNE_MINGW})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 
 # Windows programs built here run under Wine (tests, test discovery).
 find_program(VOXELUNE_WINE NAMES wine wine64 wine-stable)
