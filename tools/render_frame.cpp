@@ -15,6 +15,15 @@
 
 #include <sys/stat.h>
 #include <unistd.h>
+#if defined(_WIN32)
+#include <direct.h>
+/* Windows has no permission bits on directories, nor a search right. */
+static int make_dir(const char* path) { return _mkdir(path); }
+static const int k_dir_access = W_OK;
+#else
+static int make_dir(const char* path) { return mkdir(path, 0777); }
+static const int k_dir_access = W_OK | X_OK;
+#endif
 
 #include <algorithm>
 #include <chrono>
@@ -110,7 +119,7 @@ static int check_writable_dir(const std::string& dir, const std::string& what, s
         *error = what + ": directory '" + dir + "' does not exist";
         return 0;
     }
-    if (access(dir.c_str(), W_OK | X_OK) != 0) {
+    if (access(dir.c_str(), k_dir_access) != 0) {
         *error = what + ": directory '" + dir + "' is not writable";
         return 0;
     }
@@ -436,7 +445,7 @@ int Render_Run(const Render_Options& opt, Render_Volume* vol, bool is_phantom,
                std::string* error)
 {
     if (!opt.progressive_dir.empty() && !is_dir(opt.progressive_dir) &&
-        mkdir(opt.progressive_dir.c_str(), 0777) != 0) {
+        make_dir(opt.progressive_dir.c_str()) != 0) {
         *error = opt.progressive_dir + ": cannot create the directory";
         return 0;
     }
