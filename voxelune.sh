@@ -5,7 +5,9 @@
 #   ./voxelune.sh render [options]  render the built-in phantom (or a volume) to voxelune.png
 #   ./voxelune.sh test              build and run every test: optimised (with CUDA when nvcc
 #                                   is there), ASan+UBSan, ThreadSanitizer for the threaded
-#                                   tests, and a host project against the installed package
+#                                   tests, a host project against the installed package, and
+#                                   the Windows DLLs (MinGW-w64) with their tests under Wine
+#   ./voxelune.sh windows           only the Windows build and its tests under Wine
 #   ./voxelune.sh bench             build and run the benchmarks (optimised)
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -94,6 +96,67 @@ cmd_test() {
     # ThreadSanitizer needs a fixed memory layout on kernels with large mmap randomisation.
     TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 setarch "$(uname -m)" -R \
         ctest --test-dir build/tsan -j "$jobs" --output-on-failure --no-tests=error --timeout 900 -L threaded
+
+    cmd_windows
+}
+
+# The Windows build: MinGW-w64 cross-compiles the DLLs, the tool and the
+# tests, and Wine runs them.  Returns 2 (and says why) when the two
+# packages cannot be installed.
+win_packages=(g++-mingw-w64-x86-64-posix wine wine64 googletest libstb-dev)
+
+need_windows_packages() {
+    local missing=()
+    for p in "${win_packages[@]}"; do
+        dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "== installing for the Windows build: ${missing[*]}"
+    local sudo=""
+    if [ "$(id -u)" -ne 0 ]; then
+        sudo -n true 2>/dev/null || return 2
+        sudo="sudo -n"
+    fi
+    $sudo apt-get update -qq >/dev/null 2>&1 || true
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends \
+        "${missing[@]}" >build/windows.install.log 2>&1 || return 2
+}
+
+cmd_windows() {
+    mkdir -p build
+    if ! need_windows_packages; then
+        echo "== Windows build SKIPPED: could not install ${win_packages[*]}"
+        echo "   (needs root or password-less sudo and Debian's package archive; see build/windows.install.log)"
+        return 0
+    fi
+    # One Wine prefix for the project, made once, quietly, without a display.
+    export WINEPREFIX="${WINEPREFIX:-$root/build/wine}" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
+    export WINEARCH=win64 DISPLAY=
+    if [ ! -f "$WINEPREFIX/system.reg" ]; then
+        echo "== initialising the Wine prefix $WINEPREFIX"
+        wineboot -i </dev/null >build/wineboot.log 2>&1 || { cat build/wineboot.log; return 1; }
+    fi
+
+    echo "== Windows build (MinGW-w64), tests under Wine"
+    local linux_tool=""
+    [ -x build/release/tools/voxelune-render ] && linux_tool="$root/build/release/tools/voxelune-render"
+    configure build/windows -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" \
+              -DCMAKE_BUILD_TYPE=Release -DVOXELUNE_LINUX_RENDER="$linux_tool"
+    cmake --build build/windows -j "$jobs"
+    run_ctest build/windows
+
+    echo "== Windows host program against the installed DLLs"
+    rm -rf build/windows-prefix build/windows-consumer
+    cmake --install build/windows --prefix build/windows-prefix >/dev/null
+    cmake -S tests/consumer -B build/windows-consumer -G Ninja \
+          -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" \
+          -DCMAKE_PREFIX_PATH="$root/build/windows-prefix" -DCMAKE_EXE_LINKER_FLAGS=-static \
+          >build/windows-consumer.configure.log 2>&1 || { cat build/windows-consumer.configure.log; return 1; }
+    cmake --build build/windows-consumer
+    WINEPATH="$root/build/windows-prefix/bin" wine build/windows-consumer/voxelune-consumer.exe |
+        tee build/windows-consumer.log
+    grep -q "^consumer: voxelune.dll 1.0 (rev-a)" build/windows-consumer.log
+    wineserver -k 2>/dev/null || true
 }
 
 cmd_bench() {
@@ -109,6 +172,7 @@ cmd_bench() {
 case "${1:-}" in
     render) shift; cmd_render "$@" ;;
     test) cmd_test ;;
+    windows) cmd_windows ;;
     bench) cmd_bench ;;
-    *) sed -n '2,10p' "$0"; exit 1 ;;
+    *) sed -n '2,12p' "$0"; exit 1 ;;
 esac

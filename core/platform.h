@@ -19,18 +19,27 @@
 #endif
 
 /*
- * A recursive lock that knows its recursion count.  One word holds the
- * lock state (0 free, 1 held, 2 held with sleepers); waiters spin on plain
- * loads for a moment, so that they do not disturb the holder's cache
- * line, then sleep in the kernel.  The owner is kept in an atomic so that
- * a thread can tell, without taking the lock, whether it is the holder.
- * Word, owner and count share one cache line: taking the lock touches one
+ * A recursive lock that knows its recursion count.  The owner is kept in
+ * an atomic so that a thread can tell, without taking the lock, whether
+ * it is the holder; the count is written only by the owner.  The lock
+ * itself is the system's:
+ *  - Linux: one word (0 free, 1 held, 2 held with sleepers); waiters spin
+ *    on plain loads for a moment, so that they do not disturb the holder's
+ *    cache line, then sleep in the kernel.
+ *  - Windows: a slim reader/writer lock taken exclusively (it spins
+ *    briefly, then sleeps); all zero is its initial state.
+ * Lock, owner and count share one cache line: taking the lock touches one
  * line only.
  */
 struct alignas(64) Plat_Rlock {
+#if defined(_WIN32)
+    void* srw = nullptr;                  /* an SRWLOCK */
+    std::atomic<unsigned long> owner{0};  /* the holder's thread id, 0 when free */
+#else
     std::atomic<unsigned int> word{0};
-    unsigned count = 0;   /* written only by the owner */
     std::atomic<std::thread::id> owner{};
+#endif
+    unsigned count = 0;
 };
 
 void Plat_Rlock_Enter(Plat_Rlock* lock);
@@ -38,8 +47,15 @@ void Plat_Rlock_Enter(Plat_Rlock* lock);
 int Plat_Rlock_Leave(Plat_Rlock* lock);
 /* The recursion count as the calling thread sees it: 0 unless it holds the lock. */
 unsigned Plat_Rlock_Count(Plat_Rlock* lock);
+/* Forgets the holder and the count (the lock must be free or left for good). */
+void Plat_Rlock_Reset(Plat_Rlock* lock);
 
-/* Anonymous pipe: fds[0] reads, fds[1] writes.  size is a request only. */
+/*
+ * Anonymous pipe of bytes: fds[0] reads, fds[1] writes.  size is a request
+ * only; every pipe holds at least one page (4096 bytes) before a write
+ * would block.  A write of at most that many bytes goes in whole or not
+ * at all.
+ */
 int Plat_Pipe(int fds[2], unsigned size);
 /* Marks the write end so that a write to a full pipe fails instead of blocking. */
 int Plat_Pipe_Nonblocking_Write(int fd);
@@ -48,8 +64,6 @@ int Plat_Read(int fd, void* buf, unsigned size);
 /* Returns the count written, or -1. */
 int Plat_Write(int fd, const void* buf, unsigned size);
 int Plat_Close(int fd);
-/* 1 when bytes (or end of file) wait to be read, 0 when a read would block. */
-int Plat_Bytes_Waiting(int fd);
 
 /* A thread whose function returns an exit code. */
 struct Plat_Thread {

@@ -98,9 +98,8 @@ static const wchar_t k_line_out[] =
 void Critical_Ray_Create()
 {
     Ray_Trace(RAY_TR_LOCK, ">>> in  Voxelune: Critical_Ray_Create()");
-    /* The mutex itself is static; creating the lock resets its owner. */
-    Ray_Critical.owner.store(std::thread::id());
-    Ray_Critical.count = 0;
+    /* The lock itself is static; creating it resets its owner. */
+    Plat_Rlock_Reset(&Ray_Critical);
     Ray_Trace(RAY_TR_LOCK, "<<< out Voxelune: Critical_Ray_Create()");
 }
 

@@ -19,6 +19,7 @@
 #include <cwchar>
 #include <mutex>
 #include <string>
+#include <type_traits>
 
 #include "utf8.h"
 
@@ -85,9 +86,16 @@ static void put_narrow(std::string& out, const char* s, size_t n)
     }
 }
 
+/* Wide text is UTF-32 on Linux and UTF-16 (surrogate pairs joined) on Windows. */
 static void put_wide(std::string& out, const wchar_t* s, size_t n)
 {
-    for (size_t i = 0; i < n; i++) put_utf8(out, static_cast<char32_t>(s[i]));
+    for (size_t i = 0; i < n; i++) {
+        char32_t c = static_cast<char32_t>(s[i]);
+        if (sizeof(wchar_t) == 2 && c >= 0xD800 && c < 0xDC00 && i + 1 < n && s[i + 1] >= 0xDC00 &&
+            s[i + 1] < 0xE000)
+            c = 0x10000 + ((c - 0xD800) << 10) + (static_cast<char32_t>(s[++i]) - 0xDC00);
+        put_utf8(out, c);
+    }
 }
 
 static void pad(std::string& out, size_t have, int width, bool left, size_t at)
@@ -185,7 +193,9 @@ static std::string format_line(const CharT* fmt, va_list ap)
         case 'c': case 'C': {
             bool wide = l ? true : h ? false : (*p == 'C') != wide_default;
             size_t at = out.size();
-            if (wide) put_utf8(out, static_cast<char32_t>(static_cast<wint_t>(va_arg(ap, wint_t))));
+            /* a wint_t narrower than int (Windows) arrives as an int */
+            typedef std::conditional<(sizeof(wint_t) < sizeof(int)), int, wint_t>::type wide_arg;
+            if (wide) put_utf8(out, static_cast<char32_t>(static_cast<wint_t>(va_arg(ap, wide_arg))));
             else put_narrow(out, std::string(1, static_cast<char>(va_arg(ap, int))).c_str(), 1);
             pad(out, 1, width, left, at);
             break;

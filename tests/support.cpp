@@ -1,6 +1,8 @@
 #include "support.h"
 
+#if !defined(_WIN32)
 #include <dirent.h>
+#endif
 
 #include <chrono>
 
@@ -78,10 +80,15 @@ int Watched_Box::count()
 
 int count_dir(const char* path)
 {
+#if defined(_WIN32)
+    (void)path;
+    return -1;   /* no /proc (Wine would show the Linux process's own) */
+#else
     int n = 0;
     DIR* d = opendir(path);
     if (!d) return -1;
     while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
     closedir(d);
     return n;
+#endif
 }

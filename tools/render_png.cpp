@@ -1,11 +1,14 @@
 /*
  * render_png.cpp - compositing of pixel words and PNG input and output
- * through libpng's simplified interface.
+ * through libpng's simplified interface (render_png_stb.cpp has the PNG
+ * input and output where the tool is built with stb instead).
  */
 #include "render_png.h"
 #include "render_file.h"
 
+#if !defined(VOXELUNE_RENDER_STB)
 #include <png.h>
+#endif
 
 #include <cstdio>
 #include <cstring>
@@ -38,6 +41,7 @@ void Render_Words_To_Rgb(const unsigned int* words, int n, unsigned int backgrou
     }
 }
 
+#if !defined(VOXELUNE_RENDER_STB)
 int Render_Write_Png(const std::string& path, int width, int height,
                      const unsigned char* rgb, std::string* error)
 {
@@ -77,3 +81,4 @@ int Render_Read_Png(const std::string& path, int* width, int* height,
     *height = (int)image.height;
     return 1;
 }
+#endif

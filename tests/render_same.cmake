@@ -1,0 +1,53 @@
+# Renders the phantom and a raw volume with the Windows voxelune-render
+# (under WINE) and, when LINUX_RENDER names the Linux build of the tool,
+# with that one too; the pictures must be the same, pixel for pixel.
+#   cmake -DWINE= -DRENDER= -DSAME= [-DLINUX_RENDER=] -DDIR= -P render_same.cmake
+file(MAKE_DIRECTORY ${DIR})
+# A 24^3 u8 raw volume: a ball of 200 in a field of 1, a slab of 90.
+string(ASCII 200 ball)
+string(ASCII 1 field)
+set(raw "")
+foreach(z RANGE 23)
+  foreach(y RANGE 23)
+    foreach(x RANGE 23)
+      math(EXPR r "(x - 11) * (x - 11) + (y - 12) * (y - 12) + (z - 10) * (z - 10)")
+      if(r LESS 64)
+        string(APPEND raw "${ball}")
+      elseif(z GREATER 18)
+        string(APPEND raw "Z")
+      else()
+        string(APPEND raw "${field}")
+      endif()
+    endforeach()
+  endforeach()
+endforeach()
+file(WRITE ${DIR}/ball.raw "${raw}")
+file(SIZE ${DIR}/ball.raw size)
+if(NOT size EQUAL 13824)
+  message(FATAL_ERROR "raw volume has ${size} bytes")
+endif()
+
+set(common --size 96x80 --no-jitter --cpu --workers 2 --quiet)
+set(case_phantom ${common} --view -25,35,0)
+set(case_raw ${common} --raw 24x24x24:u8 --window 0:255 --threshold 0.5 --view 10,40,0 ball.raw)
+foreach(case phantom raw)
+  execute_process(COMMAND ${WINE} ${RENDER} ${case_${case}} -o win_${case}.png
+                  WORKING_DIRECTORY ${DIR} RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "voxelune-render.exe failed on the ${case} (${rc})")
+  endif()
+  if(NOT LINUX_RENDER)
+    message(STATUS "${case}: rendered; no Linux tool given to compare with")
+    continue()
+  endif()
+  execute_process(COMMAND ${LINUX_RENDER} ${case_${case}} -o linux_${case}.png
+                  WORKING_DIRECTORY ${DIR} RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "the Linux voxelune-render failed on the ${case} (${rc})")
+  endif()
+  execute_process(COMMAND ${WINE} ${SAME} linux_${case}.png win_${case}.png
+                  WORKING_DIRECTORY ${DIR} RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "${case}: the Windows picture differs from the Linux one")
+  endif()
+endforeach()
