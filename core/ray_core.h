@@ -33,6 +33,14 @@
 
 #include "ray_hd.h"
 
+/* The CPU form's conversions are the x86 instructions where the host compiler has them. */
+#if defined(__SSE2__) && !defined(__CUDACC__)
+#define RAY_X86_CONVERT 1
+#include <emmintrin.h>
+#else
+#define RAY_X86_CONVERT 0
+#endif
+
 /* ------------------------------------------------------------------ types */
 
 /* The two arithmetic forms of the ray core. */
@@ -159,7 +167,11 @@ VX_HD inline int Ray_F2I(float x)
         return static_cast<int>(x);
 #endif
     } else {
+#if RAY_X86_CONVERT
+        return _mm_cvtt_ss2si(_mm_set_ss(x));   /* the x86 conversion itself */
+#else
         return (x >= -2147483648.0f && x < 2147483648.0f) ? static_cast<int>(x) : INT_MIN;
+#endif
     }
 }
 
@@ -177,7 +189,11 @@ VX_HD inline int Ray_D2I(double x)
         return static_cast<int>(x);
 #endif
     } else {
+#if RAY_X86_CONVERT
+        return _mm_cvttsd_si32(_mm_set_sd(x));
+#else
         return (x > -2147483649.0 && x < 2147483648.0) ? static_cast<int>(x) : INT_MIN;
+#endif
     }
 }
 
@@ -198,6 +214,14 @@ VX_HD inline int Ray_Voxel_Index(const int* dim, int x, int y, int z)
                          static_cast<unsigned int>(dim[0]) +
                      static_cast<unsigned int>(x);
     return static_cast<int>(i);
+}
+
+/* Whether voxel v lies in [0, dim) on every axis (one unsigned test per axis). */
+VX_HD inline bool Ray_Inside(const int* v, const int* dim)
+{
+    return static_cast<unsigned int>(v[0]) < static_cast<unsigned int>(dim[0]) &&
+           static_cast<unsigned int>(v[1]) < static_cast<unsigned int>(dim[1]) &&
+           static_cast<unsigned int>(v[2]) < static_cast<unsigned int>(dim[2]);
 }
 
 /* clamp(x): 0 at or below 0, 1 at or above 1, else x (NaN passes through). */
@@ -599,44 +623,53 @@ VX_HD inline float Ray_Alpha(const Ray_Scene& sc, float a, float g, float w, uns
 }
 
 /*
+ * What tells, from bounds of a sample's values, that Ray_Alpha is exactly
+ * 0 for it: worked out once per ray from the render parameters.  With a
+ * threshold that is not finite nothing is ever known to be 0.
+ */
+struct Ray_Zero_Rule {
+    bool known;     /* the threshold is finite */
+    bool always;    /* the colour mode gives 0 to every sample */
+    bool by_grey;   /* modes 0 and 1: a grey level at or below cut gives 0 */
+    float cut;      /* threshold - 0.1 */
+};
+
+VX_HD inline Ray_Zero_Rule Ray_Zero_Rule_Of(const Ray_Scene& sc)
+{
+    Ray_Zero_Rule z;
+    float thr = sc.threshold;
+    z.known = thr - thr == 0.0f;   /* false for NaN and infinities */
+    z.always = sc.col_mode >= 5 || (sc.col_mode == 2 && sc.map_nb < 2);
+    z.by_grey = sc.col_mode <= 1;
+    z.cut = thr - 0.1f;
+    return z;
+}
+
+/*
  * Whether Ray_Alpha is exactly 0 for every sample of any tag whose
  * interpolated values satisfy 0 <= a <= a_hi and g <= g_hi, both finite
- * (w finite).  Bounds that are not finite (+inf) say nothing.
- * Conservative: false whenever that cannot be told; with a threshold that
- * is not finite nothing is ever known to be 0.
+ * (w finite).  Bounds that are not finite (+inf) say nothing.  An a of
+ * +-0 makes clamp(k a) 0 in every mode; conservative: false whenever that
+ * cannot be told.
  */
-VX_HD inline bool Ray_Alpha_Is_Zero_Any_Tag(const Ray_Scene& sc, float a_hi, float g_hi)
+VX_HD inline bool Ray_Alpha_Is_Zero_Any_Tag(const Ray_Zero_Rule& z, float a_hi, float g_hi)
 {
-    float thr = sc.threshold;
-    if (!(thr - thr == 0.0f)) return false;   /* NaN or infinite */
-    bool no_a = a_hi <= 0.0f;                 /* a is +-0: clamp(k a) is 0 */
-    switch (sc.col_mode) {
-    case 0:
-    case 1:
-        return no_a || g_hi <= thr - 0.1f;
-    case 2:
-        return sc.map_nb < 2 || no_a;
-    case 3:
-    case 4:
-        return no_a;
-    default:
-        return true;
-    }
+    return z.known && (z.always || a_hi <= 0.0f || (z.by_grey && g_hi <= z.cut));
 }
 
 /* The same for a sample whose tag has colour index mc and band factor band (mode 2). */
-VX_HD inline bool Ray_Alpha_Is_Zero(const Ray_Scene& sc, unsigned char mc, float band, float a_hi, float g_hi)
+VX_HD inline bool Ray_Alpha_Is_Zero(const Ray_Scene& sc, const Ray_Zero_Rule& z, unsigned char mc, float band,
+                                    float a_hi, float g_hi)
 {
-    if (Ray_Alpha_Is_Zero_Any_Tag(sc, a_hi, g_hi)) return true;
-    float thr = sc.threshold;
-    if (!(thr - thr == 0.0f)) return false;
+    if (!z.known) return false;
+    if (Ray_Alpha_Is_Zero_Any_Tag(z, a_hi, g_hi)) return true;
     switch (sc.col_mode) {
     case 2:
         return band == 0.0f && a_hi <= 3.0e38f;   /* a finite: a * 0 is 0 */
     case 3:
         return mc == 0;
     case 4:
-        return mc == 0 && g_hi <= thr - 0.1f;
+        return mc == 0 && g_hi <= z.cut;
     default:
         return false;
     }
@@ -760,8 +793,10 @@ VX_HD inline bool Ray_Cross(Rays* ray, int* t)
  * its render layout (same values, word for word).  at() prepares the
  * sample at pos; a(), g() and normal() read it.  bound() may give, before
  * at(), bounds a_hi and g_hi of the sample's values (see
- * Ray_Alpha_Is_Zero), false when it has none; missing() is the CPU
- * form's check for absent buffers.
+ * Ray_Alpha_Is_Zero), false when it has none; leap() may tell, from the
+ * voxel in which the walk's sample lies (before its point is computed),
+ * that its opacity is 0 whatever its tag; missing() is the CPU form's
+ * check for absent buffers.
  */
 template <int F>
 struct Ray_Plain_Sampler {
@@ -773,6 +808,8 @@ struct Ray_Plain_Sampler {
         return !sc.grad_a || !sc.grad_x || !sc.grad_y || !sc.grad_z || !sc.gli || !sc.tag;
     }
     VX_HD bool bound(const float*, float*, float*) const { return false; }
+    VX_HD void begin(const Rays*) {}
+    VX_HD bool leap(const int*, const Ray_Zero_Rule&) { return false; }
     VX_HD void at(const float* pos) { Ray_Interp_Setup<F>(&st, pos, sc.dim); }
     VX_HD float a() const { return Ray_Interp_Apply<F>(&st, sc.grad_a); }
     VX_HD float g() const { return Ray_Interp_Apply<F>(&st, sc.gli); }
@@ -802,6 +839,8 @@ VX_HD inline unsigned int Ray_DDDA_Walk(Rays* ray, const Ray_Scene& sc, Run& run
     const float band_b = band_on ? Ray_Band_Width(sc) : 0.0f;
     int band_map = -1;
     float band_x = 0.0f;
+    const Ray_Zero_Rule zero = Ray_Zero_Rule_Of(sc);
+    smp.begin(ray);
 
     for (;;) {
         /*
@@ -810,6 +849,7 @@ VX_HD inline unsigned int Ray_DDDA_Walk(Rays* ray, const Ray_Scene& sc, Run& run
          * indices keep the record in registers on the device.
          */
         int t;
+        const int here[3] = {ray->vox[0], ray->vox[1], ray->vox[2]};   /* the voxel the sample lies in */
         if (ray->t_max[0] <= ray->t_max[1] && ray->t_max[0] <= ray->t_max[2]) {
             if (!Ray_Cross<0>(ray, &t)) break;
         } else if (ray->t_max[1] <= ray->t_max[2]) {
@@ -820,11 +860,22 @@ VX_HD inline unsigned int Ray_DDDA_Walk(Rays* ray, const Ray_Scene& sc, Run& run
 
         /* Leave when the voxel entered is outside the volume. */
         const int* v = ray->vox;
-        if (v[0] < 0 || v[0] >= dim[0] || v[1] < 0 || v[1] >= dim[1] || v[2] < 0 || v[2] >= dim[2]) break;
+        if (!Ray_Inside(v, dim)) break;
 
         /* A stop request ends the ray here. */
         if constexpr (F == RAY_CPU) {
             if (!run()) break;
+        }
+
+        /*
+         * Without clip planes a sample of opacity 0 is a step that changes
+         * nothing, depth-clipped or not, and T stays above the stop mark:
+         * where the sampler can tell that from the voxel the sample lies
+         * in alone, the step ends here.
+         */
+        if (!clip_box && smp.leap(here, zero)) {
+            t_prev = t;
+            continue;
         }
 
         /* Depth clip, then the clip box. */
@@ -868,7 +919,7 @@ VX_HD inline unsigned int Ray_DDDA_Walk(Rays* ray, const Ray_Scene& sc, Run& run
          */
         float a_hi = 0.0f, g_hi = 0.0f;
         bool bounded = smp.bound(ray->pos, &a_hi, &g_hi);
-        if (!bounded || !Ray_Alpha_Is_Zero_Any_Tag(sc, a_hi, g_hi)) {
+        if (!bounded || !Ray_Alpha_Is_Zero_Any_Tag(zero, a_hi, g_hi)) {
             /* The tag of the voxel entered, its colour index and band. */
             unsigned char tg = sc.tag[Ray_Voxel_Index(dim, v[0], v[1], v[2])];
             unsigned char mc = sc.map_col[tg];
@@ -882,7 +933,7 @@ VX_HD inline unsigned int Ray_DDDA_Walk(Rays* ray, const Ray_Scene& sc, Run& run
                 }
                 band = band_x;
             }
-            if (!bounded || !Ray_Alpha_Is_Zero(sc, mc, band, a_hi, g_hi)) {
+            if (!bounded || !Ray_Alpha_Is_Zero(sc, zero, mc, band, a_hi, g_hi)) {
                 /* Opacity, then, if it is not 0, the normal, shading and compositing. */
                 smp.at(ray->pos);
                 float ga = smp.a();

@@ -67,13 +67,39 @@ void support(int b, int n, int* lo, int* hi)
  */
 Ray_Block_Bound bound_of(const Stat& st)
 {
-    Ray_Block_Bound b = {INFINITY, INFINITY};
+    Ray_Block_Bound b = {INFINITY, INFINITY, INFINITY, INFINITY};
     if (st.a_min < 0.0f || !(st.g_abs <= k_huge) || !(st.a_abs <= k_huge)) return b;
     b.a_hi = st.a_max;
     double g = static_cast<double>(st.g_max) + static_cast<double>(st.g_abs) * (1.0 / 65536.0);
-    float gf = static_cast<float>(g);
-    b.g_hi = std::nextafter(gf, INFINITY);
+    b.g_hi = std::nextafter(static_cast<float>(g), INFINITY);
+    /* |sample| <= max |corner| when each axis's weights add up to at most 1 in magnitude */
+    double ga = static_cast<double>(st.g_abs) * (1.0 + 1.0 / 65536.0);
+    b.a_near = b.a_hi;
+    b.g_near = std::nextafter(static_cast<float>(ga), INFINITY);
     return b;
+}
+
+/* The near bounds: each block's widened to its 26 neighbours (+inf spreads). */
+void widen(Ray_Render_Layout* L)
+{
+    const int* n = L->bdim;
+    std::vector<Ray_Block_Bound> own(L->block, L->block + static_cast<size_t>(n[0]) * n[1] * n[2]);
+    auto at = [&](int x, int y, int z) { return (static_cast<size_t>(z) * n[1] + y) * n[0] + x; };
+    for (int z = 0; z < n[2]; z++)
+        for (int y = 0; y < n[1]; y++)
+            for (int x = 0; x < n[0]; x++) {
+                float a = 0.0f, g = 0.0f;
+                for (int k = z - 1; k <= z + 1; k++)
+                    for (int j = y - 1; j <= y + 1; j++)
+                        for (int i = x - 1; i <= x + 1; i++) {
+                            if (i < 0 || j < 0 || k < 0 || i >= n[0] || j >= n[1] || k >= n[2]) continue;
+                            const Ray_Block_Bound& o = own[at(i, j, k)];
+                            a = o.a_near > a ? o.a_near : a;
+                            g = o.g_near > g ? o.g_near : g;
+                        }
+                L->block[at(x, y, z)].a_near = a;
+                L->block[at(x, y, z)].g_near = g;
+            }
 }
 
 }  // namespace
@@ -118,6 +144,7 @@ static void build_bounds(Ray_Render_Layout* L, const float* gli, const float* gr
             L->block[static_cast<size_t>(b) * by * bx + r] = bound_of(st);
         }
     }
+    widen(L);
 }
 
 Ray_Render_Layout* Ray_Render_Layout_Build(int dx, int dy, int dz, const float* gli, float* const* grad)
@@ -137,7 +164,7 @@ Ray_Render_Layout* Ray_Render_Layout_Build(int dx, int dy, int dz, const float* 
                                               "Ray_Render_Layout.voxel", static_cast<int>(n), 4 * RAY_CH_NB));
     if (L->voxel)
         L->block = static_cast<Ray_Block_Bound*>(Ray_Malloc(nb * sizeof(Ray_Block_Bound), __LINE__, RAY_SRC,
-                                                            "Ray_Render_Layout.block", static_cast<int>(nb), 8));
+                                                            "Ray_Render_Layout.block", static_cast<int>(nb), 16));
     if (!L->block) {
         Ray_Render_Layout_Release(L);
         return nullptr;

@@ -31,6 +31,14 @@ enum { RAY_CH_G = 0, RAY_CH_A = 1, RAY_CH_X = 2, RAY_CH_Y = 3, RAY_CH_Z = 4, RAY
 struct Ray_Block_Bound {
     float a_hi;
     float g_hi;
+    /*
+     * The same for every sample point within 4 voxels of the block on
+     * each axis, whatever the weights' signs: the largest a_hi of the
+     * block and its 26 neighbours, and a bound of the grey level's
+     * magnitude over them.
+     */
+    float a_near;
+    float g_near;
 };
 
 struct Ray_Render_Layout {
