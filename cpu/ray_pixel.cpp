@@ -53,26 +53,37 @@ static inline __m128 add_unless_nan(__m128 sum, __m128 v, __m128 p)
 
 /*
  * Every x86-64: channels 0 to 3 in one register, channel 4 in the low lane
- * of another.  (An eight-lane AVX form of the same measured far slower.)
+ * of another.  Where the block holds no NaN the corners are simply added.
+ * (An eight-lane AVX form of the same measured far slower.)
  */
+template <bool NaNs>
 static inline void interp_full(const float* first, const size_t* corner, const float* wx, const float* wy,
-                             const float* wz, float* out)
+                               const float* wz, float* out)
 {
+    const __m128 x[2] = {_mm_set1_ps(wx[0]), _mm_set1_ps(wx[1])};
+    const __m128 y[2] = {_mm_set1_ps(wy[0]), _mm_set1_ps(wy[1])};
+    const __m128 z[2] = {_mm_set1_ps(wz[0]), _mm_set1_ps(wz[1])};
     __m128 s4 = _mm_setzero_ps(), s1 = _mm_setzero_ps();
     for (int c = 0; c < 8; c++) {
         const float* at = first + corner[c];
-        __m128 x = _mm_set1_ps(wx[c & 1]), y = _mm_set1_ps(wy[(c >> 1) & 1]), z = _mm_set1_ps(wz[c >> 2]);
         __m128 v4 = _mm_loadu_ps(at);
         __m128 v1 = _mm_load_ss(at + 4);
-        s4 = add_unless_nan(s4, v4, _mm_mul_ps(_mm_mul_ps(_mm_mul_ps(v4, x), y), z));
-        s1 = add_unless_nan(s1, v1, _mm_mul_ss(_mm_mul_ss(_mm_mul_ss(v1, x), y), z));
+        __m128 p4 = _mm_mul_ps(_mm_mul_ps(_mm_mul_ps(v4, x[c & 1]), y[(c >> 1) & 1]), z[c >> 2]);
+        __m128 p1 = _mm_mul_ss(_mm_mul_ss(_mm_mul_ss(v1, x[c & 1]), y[(c >> 1) & 1]), z[c >> 2]);
+        if (NaNs) {
+            s4 = add_unless_nan(s4, v4, p4);
+            s1 = add_unless_nan(s1, v1, p1);
+        } else {
+            s4 = _mm_add_ps(s4, p4);
+            s1 = _mm_add_ss(s1, p1);
+        }
     }
     _mm_storeu_ps(out, s4);
     _mm_store_ss(out + 4, s1);
 }
-
 #else
-/* Other processors: channel by channel. */
+/* Other processors: channel by channel (NaN corners left out either way). */
+template <bool NaNs>
 static void interp_full(const float* first, const size_t* corner, const float* wx, const float* wy, const float* wz,
                         float* out)
 {
@@ -97,6 +108,8 @@ struct Ray_Layout_Sampler {
     const Ray_Render_Layout& L;
     size_t corner[8];   /* offset of each corner from the stencil's first, in floats */
     float val[8];
+    /* Set by bound() for the sample that at() then reads: its block holds no NaN. */
+    bool no_nan = false;
 
     Ray_Layout_Sampler(const Ray_Scene& scene, const Ray_Render_Layout& layout) : sc(scene), L(layout)
     {
@@ -139,7 +152,7 @@ struct Ray_Layout_Sampler {
         return leap_zero;
     }
 
-    bool bound(const float* pos, float* a_hi, float* g_hi) const
+    bool bound(const float* pos, float* a_hi, float* g_hi)
     {
         /*
          * Weights lie in [0, 1] only for points at or above 0: every sign
@@ -147,11 +160,12 @@ struct Ray_Layout_Sampler {
          */
         unsigned int sign[3];
         memcpy(sign, pos, sizeof sign);
+        no_nan = false;
         if ((sign[0] | sign[1] | sign[2]) >> 31) return false;
         unsigned int n[3];
         for (int a = 0; a < 3; a++) {
             n[a] = static_cast<unsigned int>(Ray_F2I<RAY_CPU>(pos[a]));
-            if (n[a] >= static_cast<unsigned int>(L.dim[a])) return false;
+            if (n[a] >= static_cast<unsigned int>(L.dim[a])) return false;   /* no_nan stays false */
         }
         size_t b = (static_cast<size_t>(n[2] >> RAY_BLOCK_SHIFT) * static_cast<size_t>(L.bdim[1]) +
                     static_cast<size_t>(n[1] >> RAY_BLOCK_SHIFT)) *
@@ -159,6 +173,7 @@ struct Ray_Layout_Sampler {
                    static_cast<size_t>(n[0] >> RAY_BLOCK_SHIFT);
         *a_hi = L.block[b].a_hi;
         *g_hi = L.block[b].g_hi;
+        no_nan = (L.block[b].flags & RAY_BLOCK_NO_NAN) != 0;
         return true;
     }
 
@@ -178,7 +193,10 @@ struct Ray_Layout_Sampler {
                                 static_cast<size_t>(L.dim[0]) +
                             static_cast<size_t>(lo[0][0])) *
                            RAY_CH_NB;
-            interp_full(L.voxel + first, corner, w[0], w[1], w[2], val);
+            if (no_nan)
+                interp_full<false>(L.voxel + first, corner, w[0], w[1], w[2], val);
+            else
+                interp_full<true>(L.voxel + first, corner, w[0], w[1], w[2], val);
             return;
         }
         /* Near the faces: corner by corner, as the plain sampler. */

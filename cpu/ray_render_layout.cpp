@@ -27,12 +27,16 @@ struct Stat {
     float a_min = 0.0f;   /* min(0, magnitudes) */
     float a_max = 0.0f;   /* max(0, magnitudes) */
     float a_abs = 0.0f;
+    bool nan = false;     /* a NaN in any of the five channels */
 
     /* NaN compares false: it changes nothing. */
     static void up(float& m, float v) { m = v > m ? v : m; }
     static void down(float& m, float v) { m = v < m ? v : m; }
-    void add(float g, float a)
+    void add(const float* v)   /* one voxel's five channels */
     {
+        float g = v[RAY_CH_G], a = v[RAY_CH_A];
+        nan = nan || g != g || a != a || v[RAY_CH_X] != v[RAY_CH_X] || v[RAY_CH_Y] != v[RAY_CH_Y] ||
+              v[RAY_CH_Z] != v[RAY_CH_Z];
         up(g_max, g);
         up(g_abs, g < 0.0f ? -g : g);
         down(a_min, a);
@@ -46,6 +50,7 @@ struct Stat {
         down(a_min, o.a_min);
         up(a_max, o.a_max);
         up(a_abs, o.a_abs);
+        nan = nan || o.nan;
     }
 };
 
@@ -67,7 +72,7 @@ void support(int b, int n, int* lo, int* hi)
  */
 Ray_Block_Bound bound_of(const Stat& st)
 {
-    Ray_Block_Bound b = {INFINITY, INFINITY, INFINITY, INFINITY};
+    Ray_Block_Bound b = {INFINITY, INFINITY, INFINITY, INFINITY, st.nan ? 0u : RAY_BLOCK_NO_NAN};
     if (st.a_min < 0.0f || !(st.g_abs <= k_huge) || !(st.a_abs <= k_huge)) return b;
     b.a_hi = st.a_max;
     double g = static_cast<double>(st.g_max) + static_cast<double>(st.g_abs) * (1.0 / 65536.0);
@@ -108,7 +113,7 @@ void widen(Ray_Render_Layout* L)
  * Block bounds by separable maxima: rows of x blocks per voxel row, then
  * y blocks per slice, then z blocks; each step widens by one voxel.
  */
-static void build_bounds(Ray_Render_Layout* L, const float* gli, const float* grad_a)
+static void build_bounds(Ray_Render_Layout* L)
 {
     const int dx = L->dim[0], dy = L->dim[1], dz = L->dim[2];
     const int bx = L->bdim[0], by = L->bdim[1], bz = L->bdim[2];
@@ -121,7 +126,7 @@ static void build_bounds(Ray_Render_Layout* L, const float* gli, const float* gr
                 int lo, hi;
                 support(b, dx, &lo, &hi);
                 Stat st;
-                for (int x = lo; x < hi; x++) st.add(gli[row + x], grad_a[row + x]);
+                for (int x = lo; x < hi; x++) st.add(L->voxel + (row + x) * RAY_CH_NB);
                 rows[static_cast<size_t>(y) * bx + b] = st;
             }
         }
@@ -164,7 +169,7 @@ Ray_Render_Layout* Ray_Render_Layout_Build(int dx, int dy, int dz, const float* 
                                               "Ray_Render_Layout.voxel", static_cast<int>(n), 4 * RAY_CH_NB));
     if (L->voxel)
         L->block = static_cast<Ray_Block_Bound*>(Ray_Malloc(nb * sizeof(Ray_Block_Bound), __LINE__, RAY_SRC,
-                                                            "Ray_Render_Layout.block", static_cast<int>(nb), 16));
+                                                            "Ray_Render_Layout.block", static_cast<int>(nb), 20));
     if (!L->block) {
         Ray_Render_Layout_Release(L);
         return nullptr;
@@ -178,7 +183,7 @@ Ray_Render_Layout* Ray_Render_Layout_Build(int dx, int dy, int dz, const float* 
         v[RAY_CH_Z] = grad[3][i];
     }
     for (int k = 0; k < RAY_LAYOUT_PAD; k++) v[k] = 0.0f;
-    build_bounds(L, gli, grad[0]);
+    build_bounds(L);
     return L;
 }
 

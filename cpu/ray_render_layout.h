@@ -39,7 +39,9 @@ struct Ray_Block_Bound {
      */
     float a_near;
     float g_near;
+    unsigned int flags;   /* RAY_BLOCK_NO_NAN: no NaN in any channel of the block's stencils */
 };
+#define RAY_BLOCK_NO_NAN 1u
 
 struct Ray_Render_Layout {
     int dim[3];
