@@ -1,7 +1,5 @@
-/*
- * test_ray_core.cpp - the per-ray algorithm in both arithmetic forms: pixel to ray, entry, DDA set-up,
- * interpolation, shading, colour and opacity, the walk with its clips and overlay, and Ray_Pixel.
- */
+/* test_ray_core.cpp - the per-ray algorithm in both arithmetic forms: pixel to ray, entry, DDA set-up,
+ * interpolation, shading, colour and opacity, the walk with its clips and overlay, and Ray_Pixel. */
 #include <gtest/gtest.h>
 
 #include <array>
@@ -17,10 +15,8 @@
 
 namespace {
 
-/*
- * A d^3 volume of grey level 1, gradient magnitude 1 and tag 1, normals facing an eye that looks along
- * +x, +y or +z; tag 1 coloured 0x80FF40 and in map 1 of 2, threshold 0.5, an ambient white light.
- */
+/* A d^3 volume of grey level 1, gradient magnitude 1 and tag 1, normals facing an eye that looks along
+ * +x, +y or +z; tag 1 coloured 0x80FF40 and in map 1 of 2, threshold 0.5, an ambient white light. */
 struct Grid {
     std::vector<float> gli, ga, gx, gy, gz;
     std::vector<unsigned char> tag;
@@ -33,8 +29,7 @@ struct Grid {
     {
         size_t n = static_cast<size_t>(d) * d * d;
         gli.assign(n, 1.0f), ga.assign(n, 1.0f), gx.assign(n, 0.0f), gy.assign(n, 0.0f), gz.assign(n, -1.0f);
-        tag.assign(n, 1);
-        Ray_Phong_Build(phong);
+        tag.assign(n, 1), Ray_Phong_Build(phong);
         sc.dim[0] = sc.dim[1] = sc.dim[2] = d;
         sc.gli = gli.data(), sc.tag = tag.data(), sc.grad_a = ga.data();
         sc.grad_x = gx.data(), sc.grad_y = gy.data(), sc.grad_z = gz.data();
@@ -53,13 +48,13 @@ struct Recorder {
     std::vector<float> pos_x;
     bool operator()()
     {
-        vox.push_back({ray->vox[0], ray->vox[1], ray->vox[2]});
-        pos_x.push_back(ray->pos[0]);
+        vox.push_back({ray->vox[0], ray->vox[1], ray->vox[2]}), pos_x.push_back(ray->pos[0]);
         return ++calls < stop_at;
     }
 };
 
-const float k_low[3] = {0, 0, 0}, k_ten[3] = {10, 10, 10}, k_row[3] = {0.03125f, 5.5f, 5.5f}, k_x[3] = {1, 0, 0};
+const float k_low[3] = {0, 0, 0}, k_ten[3] = {10, 10, 10};
+const float k_row[3] = {0.03125f, 5.5f, 5.5f}, k_x[3] = {1, 0, 0}; /* the row (5, 5) along +x */
 
 /* A ray in form F from p along d, starting inside g's volume (entry 0). */
 template <int F>
@@ -116,10 +111,7 @@ TEST(RayEntry, Cases)
 {
     const float kX = 549755813888.0f, kY = 1099511627776.0f, kZ = 1649267441664.0f;
     const float kBehind = 2199023255552.0f, kOut = 2748779069440.0f;
-    struct {
-        int form;
-        float p[3], d[3], high_x, want, moved[3];
-    } cases[] = {
+    struct { int form; float p[3], d[3], high_x, want, moved[3]; } cases[] = {
         {RAY_CPU, {5, 0, 9.5f}, {0.6f, 0.8f, 0}, 10, 0, {5, 0, 9.5f}}, /* inside: unmoved */
         {RAY_CPU, {-4, 5.5f, 5.5f}, {1, 0, 0}, 10, 4.03125f, {0.03125f, 5.5f, 5.5f}},
         {RAY_GPU, {14, 5.5f, 5.5f}, {-1, 0, 0}, 10, 4.03125f, {9.96875f, 5.5f, 5.5f}},
@@ -150,10 +142,7 @@ TEST(RayEntry, Cases)
 
 TEST(RayParam, Cases)
 {
-    struct {
-        float p[3], d[3];
-        int axis, step, t_delta, t_max, t_end, vox;
-    } cases[] = {
+    struct { float p[3], d[3]; int axis, step, t_delta, t_max, t_end, vox; } cases[] = {
         {{0.03125f, 5.5f, 5.5f}, {1, 0, 0}, 0, 1, 10000, 9687, 94687, 0}, /* e = 99687 */
         {{9.96875f, 2.25f, 5.5f}, {-1, 0, 0}, 0, -1, 10000, 9687, 94687, 9},
         {{2.25f, 7.75f, 3}, {0.6f, -0.8f, 0}, 0, 1, 16666, 12499, 120833, 2},
@@ -165,8 +154,8 @@ TEST(RayParam, Cases)
         for (int form : {RAY_CPU, RAY_GPU}) {
             Rays r = {};
             r.step[2] = 7;
-            if (form == RAY_CPU) Ray_DDDA_Param<RAY_CPU>(&r, c.p, c.d, k_low, k_ten);
-            if (form == RAY_GPU) Ray_DDDA_Param<RAY_GPU>(&r, c.p, c.d, k_low, k_ten);
+            form == RAY_CPU ? Ray_DDDA_Param<RAY_CPU>(&r, c.p, c.d, k_low, k_ten)
+                            : Ray_DDDA_Param<RAY_GPU>(&r, c.p, c.d, k_low, k_ten);
             int a = c.axis;
             EXPECT_EQ((std::array<int, 5>{r.step[a], r.t_delta[a], r.t_max[a], r.t_end[a], r.vox[a]}),
                       (std::array<int, 5>{c.step, c.t_delta, c.t_max, c.t_end, c.vox}))
@@ -216,13 +205,11 @@ TEST(RayInterp, BorderNanHalfAndTheFormsSums)
 
 TEST(RayShade, Cases)
 {
-    struct {
+    struct { /* the eye's direction, the normal, the ambient light, light 1 (colour, direction, status) */
         float dir[3], n[3];
-        unsigned int ambient, light; /* light 1: colour, direction L, status */
+        unsigned int ambient, light;
         float L[3];
-        unsigned char on;
-        unsigned short nb;
-        unsigned char flags;
+        int on, nb, flags;
         unsigned int base, want;
     } cases[] = {
         {{0, 0, 1}, {0, 0, 1}, 0xFFFFFF, 0xFFFFFF, {0, 0, 1}, 1, 2, 7, 0xFFFFFF, 0x3F3F3F}, /* back face */
@@ -249,9 +236,9 @@ TEST(RayShade, Cases)
     for (const auto& c : cases) {
         Rays r = {};
         for (int a = 0; a < 3; a++) r.dir[a] = c.dir[a];
-        g.light_color[0] = c.ambient, g.light_color[1] = c.light, g.light_status[1] = c.on;
-        g.lx[1] = c.L[0], g.ly[1] = c.L[1], g.lz[1] = c.L[2], g.sc.light_nb = c.nb;
-        Color out = Ray_DDDA_Shade(&r, Ray_Color_Of(c.base), c.n, c.flags, g.sc);
+        g.light_color[0] = c.ambient, g.light_color[1] = c.light, g.light_status[1] = c.on != 0;
+        g.lx[1] = c.L[0], g.ly[1] = c.L[1], g.lz[1] = c.L[2], g.sc.light_nb = static_cast<unsigned short>(c.nb);
+        Color out = Ray_DDDA_Shade(&r, Ray_Color_Of(c.base), c.n, static_cast<unsigned char>(c.flags), g.sc);
         EXPECT_EQ(Ray_Color_Word(out), c.want) << "row " << &c - cases;
     }
 }
@@ -260,11 +247,7 @@ TEST(RayColour, BaseColourAndOpacityByMode)
 {
     Grid g(2);
     Ray_Scene& sc = g.sc;
-    struct {
-        int mode, mc;
-        float a, g, w, want;
-        bool grey; /* the mode reads the grey level */
-    } cases[] = {
+    struct { int mode, mc; float a, g, w, want; bool grey; /* reads the grey level */ } cases[] = {
         {0, 0, 0.1f, 0.45f, 0.5f, 0.05f, true}, {0, 9, 0.3f, 0.7f, 0.5f, 0.5f, true}, /* 0.4 x 0.5 x 0.25 */
         {0, 0, 0.3f, 0.39f, 0.5f, 0.0f, true},  {3, 0, 0.1f, 1.0f, 0.5f, 0.0f, false}, /* untagged */
         {3, 4, 0.1f, 0.0f, 0.5f, 0.2f, false},  {4, 4, 0.4f, 0.0f, 0.5f, 0.2f, false}, /* 2 thr a */
@@ -282,7 +265,8 @@ TEST(RayColour, BaseColourAndOpacityByMode)
     /* Mode 2, three maps (B = 0.5): band 1 rises from 0 to 4 at 0.5 and falls to 0 at 1. */
     sc.map_nb = 3;
     float B = Ray_Band_Width(sc);
-    const float thr_map_band[][3] = {{0.25f, 1, 2}, {0.75f, 1, 2}, {0.5f, 1, 4}, {0, 1, 0}, {1, 1, 0}, {1, 2, 4}};
+    const float thr_map_band[][3] = {{0.25f, 1, 2}, {0.75f, 1, 2}, {0.5f, 1, 4}, {0, 1, 0}, {1, 1, 0},
+                                     {1, 2, 4}};
     for (const auto& t : thr_map_band) {
         sc.threshold = t[0];
         EXPECT_EQ(Ray_Band(sc, B, static_cast<unsigned char>(t[1])), t[2]) << t[0] << " " << t[1];
@@ -332,10 +316,8 @@ TEST(RayWalk, NineSamplesTiesAndTheFirstWeight)
 TEST(RayWalk, Cases)
 {
     const int kAny = -1;
-    struct {
-        int form, dim, mode;
-        unsigned int vf;
-        int x_lo, x_hi, y_lo, y_hi;
+    struct { /* the volume's side and colour mode, its clip bits and planes, the ray, its stop and word */
+        int form, dim, mode, vf, x_lo, x_hi, y_lo, y_hi;
         float clip, p[3], d[3];
         int stop_at, calls;
         unsigned int want;
@@ -373,7 +355,7 @@ TEST(RayWalk, Cases)
     };
     for (const auto& c : cases) {
         Grid g(c.dim, c.mode);
-        g.sc.clip = c.clip, g.sc.vol_flag = c.vf;
+        g.sc.clip = c.clip, g.sc.vol_flag = static_cast<unsigned int>(c.vf);
         g.sc.clip_lo[0] = c.x_lo, g.sc.clip_hi[0] = c.x_hi, g.sc.clip_lo[1] = c.y_lo, g.sc.clip_hi[1] = c.y_hi;
         Recorder rec;
         rec.stop_at = c.stop_at ? c.stop_at : INT_MAX;
@@ -401,11 +383,10 @@ TEST(RayWalk, MissingArraysAndClipFlags)
     /* Flags with the low x plane at 10 and the high y plane at 15. */
     g.sc.vol_flag = 0x80u | 0x10u | 0x200u;
     g.sc.clip_lo[0] = 10, g.sc.clip_hi[1] = 15;
-    const struct {
-        int v[3];
-        unsigned int want;
-    } cases[] = {{{10, 5, 5}, 0x010}, {{9, 5, 5}, 0x001}, {{12, 16, 5}, 0x001},
-                 {{10, 0, 19}, 0x010 | 0x002 | 0x200 | 0x400}, {{19, 15, 5}, 0x002 | 0x100 | 0x020}};
+    const struct { int v[3]; unsigned int want; } cases[] = {
+        {{10, 5, 5}, 0x010}, {{9, 5, 5}, 0x001}, {{12, 16, 5}, 0x001},
+        {{10, 0, 19}, 0x010 | 0x002 | 0x200 | 0x400}, {{19, 15, 5}, 0x002 | 0x100 | 0x020},
+    };
     for (const auto& c : cases) EXPECT_EQ(Ray_Clip_Flags(g.sc, c.v), c.want) << "row " << &c - cases;
 }
 
@@ -419,12 +400,8 @@ struct Pixel_Fixture : ::testing::Test {
     const int slot = 3;
     void SetUp() override
     {
-        Corekit_Set_Random([] { return 0.0f; });
-        Scene_Sphere(p, 24, 20, 16);
-        Scene_Install(slot, p);
-        Scene_Bind(slot, 64, 48, Matrix_4x4());
-        Scene_Params();
-        Ray_Thread_Run = 1;
+        Corekit_Set_Random([] { return 0.0f; }), Scene_Sphere(p, 24, 20, 16), Scene_Install(slot, p);
+        Scene_Bind(slot, 64, 48, Matrix_4x4()), Scene_Params(), Ray_Thread_Run = 1;
     }
     void TearDown() override { Scene_Uninstall(slot), Corekit_Set_Random(nullptr); }
     /* The whole ray of pixel (i, j) with draws r1, r2 through the plain core, asking run at every step. */
@@ -450,7 +427,8 @@ TEST_F(Pixel_Fixture, WholeRayWithTheDrawsAsTaken)
     Corekit_Set_Random(&draw_alternate);
     Ray_Run_Always always;
     for (int j = 0; j < 48; j += 5)
-        for (int i = 0; i < 64; i += 3) ASSERT_EQ(Ray_Pixel(slot, i, j, 64, 48), cast(i, j, 0.25f, -0.75f, always));
+        for (int i = 0; i < 64; i += 3)
+            ASSERT_EQ(Ray_Pixel(slot, i, j, 64, 48), cast(i, j, 0.25f, -0.75f, always)) << i << "," << j;
     /* Scaled down, the eye (view z = -2) lies inside the volume: entry 0, the walk starts there. */
     Matrix_4x4 view;
     view.scale(0.1f, 0.1f, 0.1f);
@@ -460,10 +438,7 @@ TEST_F(Pixel_Fixture, WholeRayWithTheDrawsAsTaken)
 
 TEST_F(Pixel_Fixture, RunFlagUnderTheLockStepForStepWhileTracedBadSlotRefused)
 {
-    struct Count {
-        int steps = 0;
-        bool operator()() { return ++steps > 0; }
-    } count;
+    struct Count { int steps = 0; bool operator()() { return ++steps > 0; } } count;
     cast(32, 24, 0.0f, 0.0f, count);
     Trace_Capture trace;
     Ray_Pixel(slot, 32, 24, 64, 48);
