@@ -277,7 +277,7 @@ TEST(RayColour, BaseColourAndOpacityByMode)
     EXPECT_EQ(Ray_Alpha(sc, 1.0f, 1.0f, 1.0f, 1, 1.0f, 4.0f), 0.0f);
 }
 
-TEST(RayWalk, NineSamplesTiesAndTheFirstWeight)
+TEST(RayWalk, NineSamplesTiesAndTheWeights)
 {
     /* Entry x = 0.03125 in 10 voxels: crossings at 9687 + 10000 k into x = 1..9, then t_end. */
     Grid g(10, 5);
@@ -306,11 +306,11 @@ TEST(RayWalk, NineSamplesTiesAndTheFirstWeight)
         EXPECT_EQ(steps.vox[0], want[k][0]) << "tie " << k;
         EXPECT_EQ(steps.vox[1], want[k][1]) << "tie " << k;
     }
-    /* Opacity = weight (mode 3, tagged, a = 1): the first weight is 9687 x 5.773e-5 (0x3872231D). */
+    /* Opacity = weight (mode 3, a = 1): the first two are 9687 and 10000 x 5.773e-5 (bits 0x3872231D). */
     g.sc.col_mode = 3;
-    first.stop_at = 2;
+    first.stop_at = 3;
     walk(g, one, first);
-    EXPECT_EQ(one.trans, 1.0f - 9687.0f * 0x1.e4463ap-15f);
+    EXPECT_EQ(one.trans, (1.0f - 9687.0f * 0x1.e4463ap-15f) * (1.0f - 10000.0f * 0x1.e4463ap-15f));
 }
 
 TEST(RayWalk, Cases)
