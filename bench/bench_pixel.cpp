@@ -1,20 +1,29 @@
 /*
- * bench_pixel.cpp - single-thread cost of Ray_Pixel, the CPU renderer's
- * per-pixel function: a 512 x 512 frame of a 256^3 smooth phantom (a
- * sphere with two tag regions and noise), colour mode 1, ambient plus two
- * directional lights, run flag set and read under the lock at every step.
+ * bench_pixel.cpp - single-thread cost of the CPU renderer's pixel: a
+ * 512 x 512 frame of a 256^3 smooth phantom (a sphere with two tag
+ * regions and noise), colour mode 1, ambient plus two directional lights,
+ * run flag set.
  *
- * Reported: rays/s, and samples/s and s/sample from a sample count taken
- * once beforehand by an instrumented walk of the same rays (the library
- * itself counts nothing).  Rates are per CPU second of the one thread.
+ *   BM_Ray_Pixel_Frame     the frame through Ray_Pixel, as a ray worker
+ *                          casts it: render layout, run flag read without
+ *                          the lock (no trace sink listens)
+ *   BM_Plain_Locked_Frame  the same rays through the plain walk over the
+ *                          five separate volumes, the run flag read under
+ *                          the lock at every step: the figure before the
+ *                          fast walk
+ *
+ * Reported per CPU second of the one thread: rays/s, frames/s, samples/s
+ * and s/sample.  The samples of a frame are counted once beforehand by
+ * casting its rays with a stop policy that counts the steps (the library
+ * itself counts nothing).
  */
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
 
 #include "core/ray_core.h"
-#include "cpu/ray_pixel.h"
 #include "core/ray_state.h"
+#include "cpu/ray_pixel.h"
 #include "scene.h"
 
 namespace {
@@ -23,15 +32,40 @@ const int k_slot = 1;
 const int k_dim = 256;
 const int k_w = 512, k_h = 512;
 
-/* Stop policy of the instrumented walk: counts the steps that go on to a sample. */
+/* Stop policy that counts the steps that go on to a sample and never stops. */
 struct Step_Count {
-    uint64_t* steps;
-    bool operator()() const
+    uint64_t steps = 0;
+    bool operator()()
     {
-        ++*steps;
+        ++steps;
         return true;
     }
 };
+
+/*
+ * Casts every ray of the frame through the plain core with the stop policy
+ * run: the rays of Ray_Pixel, with the two draws of Fct_Random_Float when
+ * jitter is set, else with draws of 0.  Returns the sum of the pixel words.
+ */
+template <class Run>
+uint64_t plain_frame(Run& run, bool jitter)
+{
+    Ray_View view;
+    Ray_View_Of(k_slot, k_w, k_h, &view);
+    Ray_Scene sc;
+    Ray_Scene_Of(&sc, k_slot, view.clip_box, Ray_Params.threshold, Ray_Volume.clip[k_slot]);
+    uint64_t sum = 0;
+    for (int j = 0; j < k_h; j++)
+        for (int i = 0; i < k_w; i++) {
+            float r1 = jitter ? Fct_Random_Float() : 0.0f;
+            float r2 = jitter ? Fct_Random_Float() : 0.0f;
+            float eye[3], d[3], inv;
+            Ray_Pixel_Ray(view.m, i, j, k_w, k_h, r1, r2, eye, d, &inv);
+            const float dir[3] = {d[0] * inv, d[1] * inv, d[2] * inv};
+            sum += Ray_Cast<RAY_CPU>(eye, dir, sc, run);
+        }
+    return sum;
+}
 
 struct Frame_Setup {
     Scene_Phantom phantom;
@@ -46,42 +80,16 @@ struct Frame_Setup {
         Scene_Params();
         Ray_Phong_Build(phong);
         Phong_table = phong;
+        Critical_Ray_Create();
         Ray_Thread_Run = 1;
-        samples = count_samples();
-    }
-
-    /*
-     * Samples of one frame: the same set-up as Ray_Pixel with draws of 0,
-     * then the walk with a counting stop policy.  With no clip box and the
-     * depth clip nearer than the volume, every step past the index test
-     * is a sample.
-     */
-    uint64_t count_samples() const
-    {
-        uint64_t steps = 0;
-        std::array<float, 16> m = Ray_Volume.transfo[k_slot].to_float();
-        const float low[3] = {0, 0, 0}, high[3] = {k_dim, k_dim, k_dim};
-        Ray_Scene sc;
-        Ray_Scene_Slot(&sc, k_slot, Ray_Params.threshold, Ray_Volume.clip[k_slot]);
-        Step_Count run{&steps};
-        for (int j = 0; j < k_h; j++)
-            for (int i = 0; i < k_w; i++) {
-                float eye[3], d[3], inv;
-                Ray_Pixel_Ray(m.data(), i, j, k_w, k_h, 0.0f, 0.0f, eye, d, &inv);
-                float dir[3] = {d[0] * inv, d[1] * inv, d[2] * inv};
-                float pos[3] = {eye[0], eye[1], eye[2]};
-                float entry = Ray_DDDA_Origin<RAY_CPU>(pos, dir, low, high);
-                if (entry >= RAY_MISS) continue;
-                Rays r = {};
-                Ray_DDDA_Param<RAY_CPU>(&r, pos, dir, low, high);
-                r.entry = entry;
-                for (int a = 0; a < 3; a++) {
-                    r.org[a] = eye[a];
-                    r.dir[a] = dir[a];
-                }
-                Ray_DDDA_Walk<RAY_CPU>(&r, sc, run);
-            }
-        return steps;
+        /*
+         * With no clip box and the depth clip nearer than the volume, every
+         * step past the index test is a sample; the jitter of a frame moves
+         * the count by a few in a million.
+         */
+        Step_Count count;
+        plain_frame(count, false);
+        samples = count.steps;
     }
 };
 
@@ -94,6 +102,7 @@ Frame_Setup& frame()
 void report(benchmark::State& state, uint64_t samples)
 {
     double frames = static_cast<double>(state.iterations());
+    state.counters["frames/s"] = benchmark::Counter(frames, benchmark::Counter::kIsRate);
     state.counters["rays/s"] = benchmark::Counter(frames * k_w * k_h, benchmark::Counter::kIsRate);
     state.counters["samples/s"] =
         benchmark::Counter(frames * static_cast<double>(samples), benchmark::Counter::kIsRate);
@@ -103,7 +112,6 @@ void report(benchmark::State& state, uint64_t samples)
     state.counters["samples/frame"] = static_cast<double>(samples);
 }
 
-/* The whole frame through Ray_Pixel, as a ray worker casts it. */
 void BM_Ray_Pixel_Frame(benchmark::State& state)
 {
     Frame_Setup& f = frame();
@@ -117,32 +125,18 @@ void BM_Ray_Pixel_Frame(benchmark::State& state)
 }
 BENCHMARK(BM_Ray_Pixel_Frame)->Unit(benchmark::kMillisecond);
 
-/* The plain walk (five separate volumes, the run flag under the lock at every step), as before. */
 void BM_Plain_Locked_Frame(benchmark::State& state)
 {
     Frame_Setup& f = frame();
-    std::array<float, 16> m = Ray_Volume.transfo[k_slot].to_float();
-    Ray_Scene sc;
-    Ray_Scene_Slot(&sc, k_slot, Ray_Params.threshold, Ray_Volume.clip[k_slot]);
-    struct Locked {
-        bool operator()() const
-        {
-            Critical_Ray_In("DDDA_Volume");
-            int run = Ray_Thread_Run.load();
-            Critical_Ray_Out("DDDA_Volume");
-            return run != 0;
-        }
-    } run;
+    /* The run flag under the library lock at every step, as the walk took it before. */
+    auto run = [] {
+        Critical_Ray_In("DDDA_Volume");
+        bool on = Ray_Thread_Run.load() != 0;
+        Critical_Ray_Out("DDDA_Volume");
+        return on;
+    };
     uint64_t sum = 0;
-    for (auto _ : state) {
-        for (int j = 0; j < k_h; j++)
-            for (int i = 0; i < k_w; i++) {
-                float eye[3], d[3], inv;
-                Ray_Pixel_Ray(m.data(), i, j, k_w, k_h, Fct_Random_Float(), Fct_Random_Float(), eye, d, &inv);
-                float dir[3] = {d[0] * inv, d[1] * inv, d[2] * inv};
-                sum += Ray_Cast<RAY_CPU>(eye, dir, sc, run);
-            }
-    }
+    for (auto _ : state) sum += plain_frame(run, true);
     benchmark::DoNotOptimize(sum);
     report(state, f.samples);
 }

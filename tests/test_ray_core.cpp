@@ -1,950 +1,397 @@
-/*
- * test_ray_core.cpp - the per-ray algorithm in both arithmetic forms:
- * ray set-up, entry test, DDA set-up, interpolation, the walk with its
- * clip flags and overlay, colour, opacity and shading, and Ray_Pixel.
- */
+/* test_ray_core.cpp - the per-ray algorithm in both arithmetic forms: pixel to ray, entry, DDA set-up,
+ * interpolation, shading, colour and opacity, the walk with its clips and overlay, and Ray_Pixel. */
 #include <gtest/gtest.h>
 
 #include <array>
 #include <climits>
 #include <cmath>
-#include <cstring>
 #include <vector>
 
 #include "core/ray_core.h"
-#include "cpu/ray_pixel.h"
 #include "core/ray_state.h"
+#include "cpu/ray_pixel.h"
 #include "scene.h"
 #include "support.h"
 
 namespace {
 
-unsigned int bits(float f)
-{
-    unsigned int u;
-    std::memcpy(&u, &f, 4);
-    return u;
-}
-
-/* A small volume with its own render parameters, outside the slot tables. */
+/* A d^3 volume of grey level 1, gradient magnitude 1 and tag 1, normals facing an eye that looks along
+ * +x, +y or +z; tag 1 coloured 0x80FF40 and in map 1 of 2, threshold 0.5, an ambient white light. */
 struct Grid {
-    int dim[3];
     std::vector<float> gli, ga, gx, gy, gz;
     std::vector<unsigned char> tag;
-    unsigned char map_col[256] = {}, map_id[256] = {};
-    unsigned int tag_col[256] = {};
-    unsigned char light_status[5] = {};
-    unsigned int light_color[5] = {};
+    unsigned char map_col[256] = {0, 1}, map_id[256] = {0, 1}, light_status[5] = {};
+    unsigned int tag_col[256] = {0, 0x80FF40u}, light_color[5] = {0xFFFFFFu}, phong[RAY_PHONG_SIZE];
     float lx[5] = {}, ly[5] = {}, lz[5] = {};
-    unsigned int phong[1024];
     Ray_Scene sc{};
 
-    Grid(int dx, int dy, int dz) : dim{dx, dy, dz}
+    explicit Grid(int d, int mode = 0)
     {
-        size_t n = static_cast<size_t>(dx) * dy * dz;
-        gli.assign(n, 0.0f);
-        ga.assign(n, 0.0f);
-        gx.assign(n, 0.0f);
-        gy.assign(n, 0.0f);
-        gz.assign(n, -1.0f); /* normals face an eye looking along +z or +x */
-        tag.assign(n, 0);
-        Ray_Phong_Build(phong);
-        for (int a = 0; a < 3; a++) sc.dim[a] = dim[a];
-        sc.gli = gli.data();
-        sc.tag = tag.data();
-        sc.grad_a = ga.data();
-        sc.grad_x = gx.data();
-        sc.grad_y = gy.data();
-        sc.grad_z = gz.data();
-        sc.clip = -1.0f;
-        sc.map_col = map_col;
-        sc.map_id = map_id;
-        sc.tag_col = tag_col;
-        sc.light_status = light_status;
-        sc.light_color = light_color;
-        sc.light_dir_x = lx;
-        sc.light_dir_y = ly;
-        sc.light_dir_z = lz;
-        sc.light_stride = 1;
-        sc.phong = phong;
-    }
-    size_t at(int x, int y, int z) const { return (static_cast<size_t>(z) * dim[1] + y) * dim[0] + x; }
-    void fill(float g, float a, unsigned char t)
-    {
-        std::fill(gli.begin(), gli.end(), g);
-        std::fill(ga.begin(), ga.end(), a);
-        std::fill(tag.begin(), tag.end(), t);
-    }
-    /* A ray from p along d, starting inside the volume (entry 0). */
-    template <int F>
-    Rays ray(float px, float py, float pz, float dx, float dy, float dz) const
-    {
-        Rays r = {};
-        const float low[3] = {0, 0, 0};
-        const float high[3] = {static_cast<float>(dim[0]), static_cast<float>(dim[1]), static_cast<float>(dim[2])};
-        const float p[3] = {px, py, pz}, d[3] = {dx, dy, dz};
-        Ray_DDDA_Param<F>(&r, p, d, low, high);
-        r.entry = 0.0f;
-        for (int a = 0; a < 3; a++) {
-            r.org[a] = p[a];
-            r.dir[a] = d[a];
-        }
-        return r;
+        size_t n = static_cast<size_t>(d) * d * d;
+        gli.assign(n, 1.0f), ga.assign(n, 1.0f), gx.assign(n, 0.0f), gy.assign(n, 0.0f), gz.assign(n, -1.0f);
+        tag.assign(n, 1), Ray_Phong_Build(phong);
+        sc.dim[0] = sc.dim[1] = sc.dim[2] = d;
+        sc.gli = gli.data(), sc.tag = tag.data(), sc.grad_a = ga.data();
+        sc.grad_x = gx.data(), sc.grad_y = gy.data(), sc.grad_z = gz.data();
+        sc.clip = -1.0f, sc.threshold = 0.5f, sc.col_mode = static_cast<unsigned char>(mode), sc.map_nb = 2;
+        sc.map_col = map_col, sc.map_id = map_id, sc.tag_col = tag_col, sc.phong = phong;
+        sc.light_nb = 1, sc.light_status = light_status, sc.light_color = light_color;
+        sc.light_dir_x = lx, sc.light_dir_y = ly, sc.light_dir_z = lz, sc.light_stride = 1;
     }
 };
 
-/* Stop policy that records the voxel and last sample point at every step. */
+/* Stop policy that records the voxel and the last sample's x at every step. */
 struct Recorder {
     const Rays* ray = nullptr;
-    int calls = 0;
-    int stop_at = INT_MAX; /* the call that answers "stop" */
+    int calls = 0, stop_at = INT_MAX; /* the call that answers "stop" */
     std::vector<std::array<int, 3>> vox;
-    std::vector<std::array<float, 3>> pos;
+    std::vector<float> pos_x;
     bool operator()()
     {
-        calls++;
-        vox.push_back({ray->vox[0], ray->vox[1], ray->vox[2]});
-        pos.push_back({ray->pos[0], ray->pos[1], ray->pos[2]});
-        return calls < stop_at;
+        vox.push_back({ray->vox[0], ray->vox[1], ray->vox[2]}), pos_x.push_back(ray->pos[0]);
+        return ++calls < stop_at;
     }
 };
 
+const float k_low[3] = {0, 0, 0}, k_ten[3] = {10, 10, 10};
+const float k_row[3] = {0.03125f, 5.5f, 5.5f}, k_x[3] = {1, 0, 0}; /* the row (5, 5) along +x */
+
+/* A ray in form F from p along d, starting inside g's volume (entry 0). */
 template <int F>
-unsigned int walk(Grid& g, Rays& r, Recorder* rec = nullptr)
+Rays ray_in(const Grid& g, const float* p, const float* d)
 {
-    Recorder none;
-    Recorder& run = rec ? *rec : none;
-    run.ray = &r;
-    return Ray_DDDA_Walk<F>(&r, g.sc, run);
+    Rays r = {};
+    const float high[3] = {float(g.sc.dim[0]), float(g.sc.dim[1]), float(g.sc.dim[2])};
+    Ray_DDDA_Param<F>(&r, p, d, k_low, high);
+    for (int a = 0; a < 3; a++) r.org[a] = p[a], r.dir[a] = d[a];
+    return r;
 }
 
-const float k_low[3] = {0, 0, 0};
-const float k_ten[3] = {10, 10, 10};
+/* The walk in form F of r through g, asking rec at every step. */
+template <int F = RAY_CPU>
+unsigned int walk(const Grid& g, Rays& r, Recorder& rec)
+{
+    rec.ray = &r;
+    return Ray_DDDA_Walk<F>(&r, g.sc, rec);
+}
 
 } // namespace
 
-/* ------------------------------------------------------------- constants */
-
-TEST(RayConstants, BitPatterns)
+TEST(RayForms, ConversionsRandomDrawAndPixelRay)
 {
-    EXPECT_EQ(bits(RAY_PARALLEL_EPS), 0x3951B717u);
-    EXPECT_EQ(bits(RAY_ENTRY_NONE), 0xD3000000u);
-    EXPECT_EQ(bits(RAY_MISS_X), 0x53000000u);
-    EXPECT_EQ(bits(RAY_MISS_Y), 0x53800000u);
-    EXPECT_EQ(bits(RAY_MISS_Z), 0x53C00000u);
-    EXPECT_EQ(bits(RAY_MISS_BEHIND), 0x54000000u);
-    EXPECT_EQ(bits(RAY_MISS_OUTSIDE), 0x54200000u);
-    EXPECT_EQ(bits(RAY_DDA_TO_LEN), 0x38D1B717u);
-    EXPECT_EQ(bits(RAY_WEIGHT_PER_UNIT), 0x3872231Du);
-    EXPECT_NE(RAY_WEIGHT_PER_UNIT, 5.773e-5f); /* not the nearest float */
-    EXPECT_EQ(bits(RAY_PLANE_ALPHA), 0x3D808081u);
-    EXPECT_EQ(bits(RAY_OPAQUE), 0x3B808081u);
-}
-
-TEST(RayConstants, PhongTable)
-{
-    unsigned int t[1024];
-    Ray_Phong_Build(t);
-    for (int i = 0; i < 852; i++) ASSERT_EQ(t[i], 0u) << i;
-    EXPECT_EQ(t[852], 1u);
-    EXPECT_EQ(t[900], 5u);
-    EXPECT_EQ(t[960], 36u);
-    EXPECT_EQ(t[1000], 125u);
-    EXPECT_EQ(t[1023], 247u);
-    for (int i = 1; i < 1024; i++) ASSERT_LE(t[i - 1], t[i]);
-}
-
-TEST(RayConstants, TruncationOutOfRangeDiffersByForm)
-{
-    EXPECT_EQ(Ray_F2I<RAY_CPU>(-7.9f), -7);
-    EXPECT_EQ(Ray_F2I<RAY_GPU>(-7.9f), -7);
-    EXPECT_EQ(Ray_F2I<RAY_CPU>(3e9f), INT_MIN);
-    EXPECT_EQ(Ray_F2I<RAY_GPU>(3e9f), INT_MAX);
-    EXPECT_EQ(Ray_F2I<RAY_CPU>(-3e9f), INT_MIN);
-    EXPECT_EQ(Ray_F2I<RAY_GPU>(-3e9f), INT_MIN);
-    EXPECT_EQ(Ray_F2I<RAY_CPU>(NAN), INT_MIN);
-    EXPECT_EQ(Ray_F2I<RAY_GPU>(NAN), 0);
-    EXPECT_EQ(Ray_D2I<RAY_CPU>(2147483647.9), INT_MAX);
-    EXPECT_EQ(Ray_D2I<RAY_CPU>(2147483648.0), INT_MIN);
-    EXPECT_EQ(Ray_D2I<RAY_GPU>(2147483648.0), INT_MAX);
-}
-
-/* ---------------------------------------------------------- random draw */
-
-TEST(RayRandom, InitialStateGivesOnesForever)
-{
+    /* Float to int32 out of range: x86's 0x80000000 on the CPU, saturated (NaN 0) on the device. */
+    EXPECT_EQ((std::array<int, 7>{Ray_F2I<RAY_CPU>(-7.9f), Ray_F2I<RAY_CPU>(3e9f), Ray_F2I<RAY_CPU>(NAN),
+                                  Ray_F2I<RAY_GPU>(3e9f), Ray_F2I<RAY_GPU>(NAN), Ray_D2I<RAY_CPU>(2147483648.0),
+                                  Ray_D2I<RAY_GPU>(2147483648.0)}),
+              (std::array<int, 7>{-7, INT_MIN, INT_MIN, INT_MAX, 0, INT_MIN, INT_MAX}));
+    /* The device draw: from state 0 the fixed point 2147483647, 1.0 forever; Park and Miller's check. */
     unsigned int state = 0;
-    for (int i = 0; i < 5; i++) {
-        EXPECT_EQ(Cuda_Random_Float(&state), 1.0f);
-        EXPECT_EQ(state, 2147483647u);
-    }
-}
-
-TEST(RayRandom, MinimalStandardSequence)
-{
-    /* Park and Miller's check value: from 1, the 10000th state is 1043618065. */
-    unsigned int state = 1;
-    float first = Cuda_Random_Float(&state);
-    EXPECT_EQ(state, 16807u);
-    EXPECT_EQ(first, static_cast<float>(16807.0 / 1073741823.0) - 1.0f);
-    for (int i = 1; i < 10000; i++) Cuda_Random_Float(&state);
+    for (int i = 0; i < 3; i++) EXPECT_EQ(Cuda_Random_Float(&state), 1.0f);
+    EXPECT_EQ(state, 2147483647u);
+    state = 1;
+    for (int i = 0; i < 10000; i++) Cuda_Random_Float(&state);
     EXPECT_EQ(state, 1043618065u);
-    for (int i = 0; i < 1000; i++) {
-        float f = Cuda_Random_Float(&state);
-        ASSERT_GT(f, -1.0f);
-        ASSERT_LE(f, 1.0f);
-    }
-}
-
-/* -------------------------------------------------------- pixel to ray */
-
-TEST(RaySetup, PixelRayThroughImagePlane)
-{
+    /* 640 x 480, draws of 1.0: pixel (320, 240) through (0.5 s, 0.5 s, 0), the eye at z = -2. */
     const float id[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
-    float eye[3], d[3], inv;
-    /* 640 x 480, draws of 1.0: pixel (320, 240) at (0.5 s, 0.5 s, 0). */
+    float eye[3], d[3], inv, p[3];
     Ray_Pixel_Ray(id, 320, 240, 640, 480, 1.0f, 1.0f, eye, d, &inv);
-    EXPECT_EQ(eye[0], 0.0f);
-    EXPECT_EQ(eye[1], 0.0f);
-    EXPECT_EQ(eye[2], -2.0f);
-    EXPECT_EQ(d[0], 0.5f * 0.003125f);
-    EXPECT_EQ(d[1], 0.5f * 0.003125f);
-    EXPECT_EQ(d[2], 2.0f);
+    EXPECT_EQ((std::array<float, 6>{eye[0], eye[1], eye[2], d[0], d[1], d[2]}),
+              (std::array<float, 6>{0, 0, -2, 0.5f * 0.003125f, 0.5f * 0.003125f, 2}));
     EXPECT_FLOAT_EQ(inv, 1.0f / std::sqrt(d[0] * d[0] + d[1] * d[1] + 4.0f));
-
-    /* Odd width 5: W >> 1 = 2, columns 0..4 map to -2..2 (s = 2/5). */
-    Ray_Pixel_Ray(id, 0, 0, 5, 3, 0.0f, 0.0f, eye, d, &inv);
-    EXPECT_EQ(d[0], -2.0f * 0.4f);
-    EXPECT_EQ(d[1], -1.0f * 0.4f);
-    Ray_Pixel_Ray(id, 4, 2, 5, 3, 0.0f, 0.0f, eye, d, &inv);
-    EXPECT_EQ(d[0], 2.0f * 0.4f);
-    EXPECT_EQ(d[1], 1.0f * 0.4f);
-}
-
-TEST(RaySetup, HomogeneousDivision)
-{
-    /* w' = 2 everywhere: every mapped point is halved. */
+    /* Odd width 5: W >> 1 = 2, column 4 at offset 2 (s = 2/5); r1 moves columns, r2 rows. */
+    Ray_Pixel_Ray(id, 4, 0, 5, 3, 0.0f, 1.0f, eye, d, &inv);
+    EXPECT_EQ((std::array<float, 2>{d[0], d[1]}), (std::array<float, 2>{2.0f * 0.4f, -0.5f * 0.4f}));
+    /* A w' of 2 halves every point. */
     const float m[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 4, 6, 8, 2};
-    float p[3];
     Ray_Map_Point(m, 2.0f, 0.0f, -2.0f, p);
-    EXPECT_EQ(p[0], 3.0f);
-    EXPECT_EQ(p[1], 3.0f);
-    EXPECT_EQ(p[2], 3.0f);
-    /* A NaN w' is "not 1": the point becomes NaN. */
-    const float n[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, NAN};
-    Ray_Map_Point(n, 1.0f, 1.0f, 1.0f, p);
-    EXPECT_TRUE(std::isnan(p[0]));
+    EXPECT_EQ((std::array<float, 3>{p[0], p[1], p[2]}), (std::array<float, 3>{3, 3, 3}));
 }
 
-/* ------------------------------------------------------ entry into volume */
-
-TEST(RayEntry, InsideOriginIsZeroAndUnmoved)
+TEST(RayEntry, Cases)
 {
-    float p[3] = {5.0f, 0.0f, 9.5f};
-    const float d[3] = {0.6f, 0.8f, 0.0f};
-    EXPECT_EQ(Ray_DDDA_Origin<RAY_CPU>(p, d, k_low, k_ten), 0.0f);
-    EXPECT_EQ(p[0], 5.0f);
-    EXPECT_EQ(p[1], 0.0f);
-    EXPECT_EQ(p[2], 9.5f);
-}
-
-TEST(RayEntry, EntersThroughLowFaceWithInset)
-{
-    float p[3] = {-4.0f, 5.5f, 5.5f};
-    const float d[3] = {1.0f, 0.0f, 0.0f};
-    float t = Ray_DDDA_Origin<RAY_CPU>(p, d, k_low, k_ten);
-    EXPECT_EQ(t, 4.03125f);
-    EXPECT_EQ(p[0], 0.03125f);
-    EXPECT_EQ(p[1], 5.5f);
-
-    float q[3] = {14.0f, 5.5f, 5.5f};
-    const float e[3] = {-1.0f, 0.0f, 0.0f};
-    EXPECT_EQ(Ray_DDDA_Origin<RAY_GPU>(q, e, k_low, k_ten), 4.03125f);
-    EXPECT_EQ(q[0], 9.96875f);
-}
-
-TEST(RayEntry, MissCodes)
-{
-    const float px[3] = {0.0001f, 0.6f, 0.8f};
-    float p[3] = {-1.0f, 50.0f, 50.0f}; /* x slab missed, y and z whatever */
-    EXPECT_EQ(Ray_DDDA_Origin<RAY_CPU>(p, px, k_low, k_ten), RAY_MISS_X);
-    float p2[3] = {10.5f, 5.0f, 5.0f};
-    EXPECT_EQ(Ray_DDDA_Origin<RAY_GPU>(p2, px, k_low, k_ten), RAY_MISS_X);
-
-    const float py[3] = {0.6f, -0.0002f, 0.8f};
-    float q[3] = {-5.0f, 11.0f, 5.0f};
-    EXPECT_EQ(Ray_DDDA_Origin<RAY_CPU>(q, py, k_low, k_ten), RAY_MISS_Y);
-
-    const float pz[3] = {0.6f, 0.8f, 0.0f};
-    float r[3] = {-5.0f, 5.0f, -0.5f};
-    EXPECT_EQ(Ray_DDDA_Origin<RAY_CPU>(r, pz, k_low, k_ten), RAY_MISS_Z);
-    /* On the slab's face the parallel ray goes on, to a point on the high face. */
-    const float px1[3] = {1.0f, 0.0f, 0.0f};
-    float r2[3] = {-5.0f, 5.0f, 10.0f};
-    EXPECT_EQ(Ray_DDDA_Origin<RAY_CPU>(r2, px1, k_low, k_ten), RAY_MISS_OUTSIDE);
-    float r3[3] = {-5.0f, 5.0f, 10.0f};
-    EXPECT_EQ(Ray_DDDA_Origin<RAY_GPU>(r3, px1, k_low, k_ten), 5.03125f);
-
-    /* Volume behind the eye. */
-    const float back[3] = {-1.0f, 0.0f, 0.0f};
-    float s[3] = {-3.0f, 5.0f, 5.0f};
-    EXPECT_EQ(Ray_DDDA_Origin<RAY_CPU>(s, back, k_low, k_ten), RAY_MISS_BEHIND);
-
-    /* Entry plane reached beside the volume. */
-    const float diag[3] = {0.6f, 0.8f, 0.0f};
-    float u[3] = {-5.0f, 20.0f, 5.0f};
-    EXPECT_EQ(Ray_DDDA_Origin<RAY_CPU>(u, diag, k_low, k_ten), RAY_MISS_OUTSIDE);
-}
-
-TEST(RayEntry, HighFaceMissOnCpuOnly)
-{
-    /* t = 1.03125 moves y from 8.96875 to exactly 10, the high face. */
-    const float d[3] = {1.0f, 1.0f, 0.0f};
-    float c[3] = {-1.0f, 8.96875f, 5.0f};
-    float g[3] = {-1.0f, 8.96875f, 5.0f};
-    EXPECT_EQ(Ray_DDDA_Origin<RAY_CPU>(c, d, k_low, k_ten), RAY_MISS_OUTSIDE);
-    EXPECT_EQ(Ray_DDDA_Origin<RAY_GPU>(g, d, k_low, k_ten), 1.03125f);
-    EXPECT_EQ(g[1], 10.0f);
-}
-
-TEST(RayEntry, NegativeDirectionGapPrecisionByForm)
-{
-    /*
-     * high - p = -16777217 lies half-way between two floats: the device
-     * rounds it (to even) before going on in double, the CPU does not.
-     */
-    const float high[3] = {1.0f, 10.0f, 10.0f};
-    const float d[3] = {-1.0f, 0.0f, 0.0f};
-    float c[3] = {16777218.0f, 5.0f, 5.0f};
-    float g[3] = {16777218.0f, 5.0f, 5.0f};
-    EXPECT_EQ(Ray_DDDA_Origin<RAY_CPU>(c, d, k_low, high), 16777218.0f);
-    EXPECT_EQ(c[0], 0.0f);
-    EXPECT_EQ(Ray_DDDA_Origin<RAY_GPU>(g, d, k_low, high), RAY_MISS_OUTSIDE);
-}
-
-/* ------------------------------------------------------------- DDA set-up */
-
-TEST(RayParam, ExampleAlongX)
-{
-    const float p[3] = {0.03125f, 5.5f, 5.5f};
-    const float d[3] = {1.0f, 0.0f, 0.0f};
-    Rays r;
-    std::memset(&r, 0x5A, sizeof r);
-    Ray_DDDA_Param<RAY_CPU>(&r, p, d, k_low, k_ten);
-    EXPECT_EQ(r.step[0], 1);
-    EXPECT_EQ(r.t_delta[0], 10000);
-    EXPECT_EQ(r.t_max[0], 9687);
-    EXPECT_EQ(r.t_end[0], 94687);
-    EXPECT_EQ(r.vox[0], 0);
-    EXPECT_EQ(r.vox[1], 5);
-    EXPECT_EQ(r.vox[2], 5);
-    for (int a = 1; a < 3; a++) {
-        EXPECT_EQ(r.t_max[a], 536870911);
-        EXPECT_EQ(r.t_end[a], 536870911);
-        EXPECT_EQ(r.t_delta[a], 0);
-        EXPECT_EQ(r.step[a], 0x5A5A5A5A); /* a parallel axis keeps its step */
+    const float kX = 549755813888.0f, kY = 1099511627776.0f, kZ = 1649267441664.0f;
+    const float kBehind = 2199023255552.0f, kOut = 2748779069440.0f;
+    struct { int form; float p[3], d[3], high_x, want, moved[3]; } cases[] = {
+        {RAY_CPU, {5, 0, 9.5f}, {0.6f, 0.8f, 0}, 10, 0, {5, 0, 9.5f}}, /* inside: unmoved */
+        {RAY_CPU, {-4, 5.5f, 5.5f}, {1, 0, 0}, 10, 4.03125f, {0.03125f, 5.5f, 5.5f}},
+        {RAY_GPU, {14, 5.5f, 5.5f}, {-1, 0, 0}, 10, 4.03125f, {9.96875f, 5.5f, 5.5f}},
+        {RAY_CPU, {-1, 50, 50}, {0.0001f, 0.6f, 0.8f}, 10, kX, {}}, /* parallel, outside its slab */
+        {RAY_GPU, {10.5f, 5, 5}, {0.0001f, 0.6f, 0.8f}, 10, kX, {}},
+        {RAY_CPU, {-5, 11, 5}, {0.6f, -0.0002f, 0.8f}, 10, kY, {}},
+        {RAY_CPU, {-5, 5, -0.5f}, {0.6f, 0.8f, 0}, 10, kZ, {}},
+        {RAY_CPU, {-3, 5, 5}, {-1, 0, 0}, 10, kBehind, {}},
+        {RAY_CPU, {-5, 20, 5}, {0.6f, 0.8f, 0}, 10, kOut, {}}, /* entry plane beside the box */
+        /* Entry points on a high face: a miss on the CPU, accepted on the device. */
+        {RAY_CPU, {-5, 5, 10}, {1, 0, 0}, 10, kOut, {}},
+        {RAY_GPU, {-5, 5, 10}, {1, 0, 0}, 10, 5.03125f, {0.03125f, 5, 10}},
+        {RAY_CPU, {-1, 8.96875f, 5}, {1, 1, 0}, 10, kOut, {}},
+        {RAY_GPU, {-1, 8.96875f, 5}, {1, 1, 0}, 10, 1.03125f, {0.03125f, 10, 5}},
+        /* high - p = -16777217 lies between two floats: the device rounds it, the CPU does not. */
+        {RAY_CPU, {16777218.0f, 5, 5}, {-1, 0, 0}, 1, 16777218.0f, {0, 5, 5}},
+        {RAY_GPU, {16777218.0f, 5, 5}, {-1, 0, 0}, 1, kOut, {}},
+    };
+    for (const auto& c : cases) {
+        float p[3] = {c.p[0], c.p[1], c.p[2]};
+        const float high[3] = {c.high_x, 10, 10};
+        float t = c.form == RAY_CPU ? Ray_DDDA_Origin<RAY_CPU>(p, c.d, k_low, high)
+                                    : Ray_DDDA_Origin<RAY_GPU>(p, c.d, k_low, high);
+        EXPECT_EQ(t, c.want) << "row " << &c - cases;
+        for (int a = 0; a < 3 && c.want < kX; a++) EXPECT_EQ(p[a], c.moved[a]) << "row " << &c - cases;
     }
-    EXPECT_EQ(r.col[0], 0.0f);
-    EXPECT_EQ(r.trans, 1.0f);
-
-    Rays g = {};
-    g.trans = 0.25f;
-    Ray_DDDA_Param<RAY_GPU>(&g, p, d, k_low, k_ten);
-    EXPECT_EQ(g.t_max[0], 9687);
-    EXPECT_EQ(g.t_end[0], 94687);
-    EXPECT_EQ(g.t_max[1], 536870911);
-    EXPECT_EQ(g.trans, 0.25f); /* the device form leaves col and trans alone */
 }
 
-TEST(RayParam, NegativeDirection)
+TEST(RayParam, Cases)
 {
-    const float p[3] = {9.96875f, 2.25f, 5.5f};
-    const float d[3] = {-1.0f, 0.0f, 0.0f};
-    Rays r = {};
-    Ray_DDDA_Param<RAY_CPU>(&r, p, d, k_low, k_ten);
-    EXPECT_EQ(r.step[0], -1);
-    EXPECT_EQ(r.t_delta[0], 10000);
-    EXPECT_EQ(r.t_max[0], 9687);
-    EXPECT_EQ(r.t_end[0], 94687);
-    EXPECT_EQ(r.vox[0], 9);
-    EXPECT_EQ(r.vox[1], 2);
+    struct { float p[3], d[3]; int axis, step, t_delta, t_max, t_end, vox; } cases[] = {
+        {{0.03125f, 5.5f, 5.5f}, {1, 0, 0}, 0, 1, 10000, 9687, 94687, 0}, /* e = 99687 */
+        {{9.96875f, 2.25f, 5.5f}, {-1, 0, 0}, 0, -1, 10000, 9687, 94687, 9},
+        {{2.25f, 7.75f, 3}, {0.6f, -0.8f, 0}, 0, 1, 16666, 12499, 120833, 2},
+        {{2.25f, 7.75f, 3}, {0.6f, -0.8f, 0}, 1, -1, 12500, 9375, 90625, 7},
+        /* The distance to the next boundary is formed in double: 1 - 1e-8 is not 1. */
+        {{2.25f, 1e-8f, 3}, {0.6f, 0.8f, 0}, 1, 1, 12500, 12499, 118750, 0},
+    };
+    for (const auto& c : cases)
+        for (int form : {RAY_CPU, RAY_GPU}) {
+            Rays r = {};
+            r.step[2] = 7;
+            form == RAY_CPU ? Ray_DDDA_Param<RAY_CPU>(&r, c.p, c.d, k_low, k_ten)
+                            : Ray_DDDA_Param<RAY_GPU>(&r, c.p, c.d, k_low, k_ten);
+            int a = c.axis;
+            EXPECT_EQ((std::array<int, 5>{r.step[a], r.t_delta[a], r.t_max[a], r.t_end[a], r.vox[a]}),
+                      (std::array<int, 5>{c.step, c.t_delta, c.t_max, c.t_end, c.vox}))
+                << "row " << &c - cases << " form " << form;
+            /* z is parallel: far bounds, no crossing, its step kept; only the CPU starts the transparency. */
+            EXPECT_EQ((std::array<int, 5>{r.t_max[2], r.t_end[2], r.t_delta[2], r.step[2], r.trans == 1.0f}),
+                      (std::array<int, 5>{536870911, 536870911, 0, 7, form == RAY_CPU}));
+        }
 }
 
-TEST(RayParam, ObliqueAxes)
-{
-    /* d = (0.6, -0.8, 0): t_delta 16666 and 12500. */
-    const float p[3] = {2.25f, 7.75f, 3.0f};
-    const float d[3] = {0.6f, -0.8f, 0.0f};
-    Rays r = {};
-    Ray_DDDA_Param<RAY_CPU>(&r, p, d, k_low, k_ten);
-    EXPECT_EQ(r.t_delta[0], static_cast<int>(10000.0f / 0.6f));
-    EXPECT_EQ(r.t_max[0], static_cast<int>(0.75 * r.t_delta[0]));
-    EXPECT_EQ(r.t_delta[1], 12500);
-    EXPECT_EQ(r.t_max[1], 9375);
-    EXPECT_EQ(r.t_end[1], static_cast<int>(-7.75f * (10000.0f / -0.8f)) - 6250);
-
-    /* The distance to the next boundary is formed in double: 1 - 1e-8 is not 1. */
-    const float q[3] = {2.25f, 1e-8f, 3.0f};
-    const float e[3] = {0.6f, 0.8f, 0.0f};
-    Ray_DDDA_Param<RAY_CPU>(&r, q, e, k_low, k_ten);
-    EXPECT_EQ(r.t_max[1], 12499);
-}
-
-/* ------------------------------------------------------------ interpolation */
-
-TEST(RayInterp, BorderLosesOutsideWeight)
+TEST(RayInterp, BorderNanHalfAndTheFormsSums)
 {
     std::vector<float> v(1000);
     for (size_t i = 0; i < v.size(); i++) v[i] = 1.0f + 0.37f * static_cast<float>(i % 17);
-    const float p[3] = {0.2f, 5.5f, 5.5f};
-    float want = v[(5 * 10 + 5) * 10 + 0] * (0.2f + 0.5f);
-    EXPECT_EQ(Ray_Interpolate_Linear<RAY_CPU>(p, 10, 10, 10, v.data()), want);
-    EXPECT_EQ(Ray_Interpolate_Linear<RAY_GPU>(p, 10, 10, 10, v.data()), want);
-
-    /* At a fraction of exactly 0.5 the neighbours are n (weight 1) and n + 1 (weight 0). */
-    const float c[3] = {1.5f, 5.5f, 5.5f};
-    EXPECT_EQ(Ray_Interpolate_Linear<RAY_CPU>(c, 10, 10, 10, v.data()), v[(5 * 10 + 5) * 10 + 1]);
-    v[(5 * 10 + 5) * 10 + 2] = INFINITY; /* counts, with weight 0: inf x 0 */
-    EXPECT_TRUE(std::isnan(Ray_Interpolate_Linear<RAY_CPU>(c, 10, 10, 10, v.data())));
-    EXPECT_TRUE(std::isnan(Ray_Interpolate_Linear<RAY_GPU>(c, 10, 10, 10, v.data())));
-}
-
-TEST(RayInterp, NanCornerIsSkipped)
-{
-    std::vector<float> v(1000, 2.0f);
-    const float p[3] = {4.7f, 4.7f, 4.7f}; /* corners 4 (weight 0.8) and 5 (0.2) */
-    float all = Ray_Interpolate_Linear<RAY_CPU>(p, 10, 10, 10, v.data());
-    EXPECT_NEAR(all, 2.0f, 1e-5f);
-    v[(5 * 10 + 5) * 10 + 5] = NAN; /* the high corner, weight 0.2^3 */
-    float cpu = Ray_Interpolate_Linear<RAY_CPU>(p, 10, 10, 10, v.data());
-    float gpu = Ray_Interpolate_Linear<RAY_GPU>(p, 10, 10, 10, v.data());
-    EXPECT_NEAR(cpu, 2.0f * (1.0f - 0.2f * 0.2f * 0.2f), 1e-5f);
-    EXPECT_NEAR(gpu, cpu, 1e-5f);
-}
-
-TEST(RayInterp, FormsSumInTheirOwnArithmetic)
-{
-    /* Reference sums written out corner by corner, z outermost. */
-    std::vector<float> v(8 * 8 * 8);
-    unsigned int state = 7;
-    for (float& x : v) x = Cuda_Random_Float(&state) * 1000.0f;
+    const size_t row = (5 * 10 + 5) * 10; /* voxel (0, 5, 5) */
+    /* (0.2, 5.5, 5.5): neighbour -1 is outside, its weight 0.3 lost; 5.5 weighs 1 and 0. */
+    const float p[3] = {0.2f, 5.5f, 5.5f}, half[3] = {1.5f, 5.5f, 5.5f}, q[3] = {4.7f, 4.7f, 4.7f};
+    EXPECT_EQ(Ray_Interpolate_Linear<RAY_CPU>(p, 10, 10, 10, v.data()), v[row] * 0.7f);
+    EXPECT_EQ(Ray_Interpolate_Linear<RAY_GPU>(p, 10, 10, 10, v.data()), v[row] * 0.7f);
+    /* A CPU sum adds value x wx x wy x wz; the device fuses the last product with the addition. */
     int differ = 0;
-    for (int k = 0; k < 2000; k++) {
-        float p[3];
-        for (float& c : p) c = (Cuda_Random_Float(&state) + 1.0f) * 4.0f;
-        int lo[3][2];
-        float w[3][2];
-        for (int a = 0; a < 3; a++) {
-            int n = static_cast<int>(p[a]);
-            float f = p[a] - static_cast<float>(n);
-            bool below = f < 0.5f;
-            lo[a][0] = below ? n - 1 : n;
-            lo[a][1] = below ? n : n + 1;
-            w[a][0] = below ? 0.5f - f : 1.5f - f;
-            w[a][1] = below ? f + 0.5f : f - 0.5f;
+    const int dim[3] = {10, 10, 10};
+    for (unsigned int k = 0, state = 7; k < 500; k++) {
+        float pt[3], cpu = 0.0f, gpu = 0.0f;
+        for (float& c : pt) c = Cuda_Random_Float(&state) * 5.0f + 5.0f;
+        Ray_Stencil st;
+        Ray_Interp_Setup<RAY_CPU>(&st, pt, dim);
+        for (int c = 0; c < 8; c++) {
+            float t = st.valid >> c & 1 ? v[size_t(st.index[c])] * st.wx[c & 1] * st.wy[c >> 1 & 1] : 0.0f;
+            cpu = cpu + t * st.wz[c >> 2], gpu = std::fma(t, st.wz[c >> 2], gpu);
         }
-        float cpu = 0.0f, gpu = 0.0f;
-        for (int zi = 0; zi < 2; zi++)
-            for (int yi = 0; yi < 2; yi++)
-                for (int xi = 0; xi < 2; xi++) {
-                    int x = lo[0][xi], y = lo[1][yi], z = lo[2][zi];
-                    if (x < 0 || x >= 8 || y < 0 || y >= 8 || z < 0 || z >= 8) continue;
-                    float val = v[static_cast<size_t>((z * 8 + y) * 8 + x)];
-                    float t = val * w[0][xi] * w[1][yi];
-                    cpu = cpu + t * w[2][zi];
-                    gpu = std::fma(t, w[2][zi], gpu);
-                }
-        ASSERT_EQ(Ray_Interpolate_Linear<RAY_CPU>(p, 8, 8, 8, v.data()), cpu);
-        ASSERT_EQ(Ray_Interpolate_Linear<RAY_GPU>(p, 8, 8, 8, v.data()), gpu);
+        ASSERT_EQ(Ray_Interpolate_Linear<RAY_CPU>(pt, 10, 10, 10, v.data()), cpu);
+        ASSERT_EQ(Ray_Interpolate_Linear<RAY_GPU>(pt, 10, 10, 10, v.data()), gpu);
         differ += cpu != gpu;
     }
-    EXPECT_GT(differ, 0); /* the device's fused add is visible */
+    EXPECT_GT(differ, 0);
+    /* A fraction of exactly 0.5: n weighs 1, n + 1 weighs 0 but counts (inf x 0 is NaN). */
+    EXPECT_EQ(Ray_Interpolate_Linear<RAY_CPU>(half, 10, 10, 10, v.data()), v[row + 1]);
+    v[row + 2] = INFINITY;
+    EXPECT_TRUE(std::isnan(Ray_Interpolate_Linear<RAY_CPU>(half, 10, 10, 10, v.data())));
+    /* A NaN corner is skipped: the sum loses that corner's share (0.2^3), nothing more. */
+    std::vector<float> two(1000, 2.0f);
+    two[(5 * 10 + 5) * 10 + 5] = NAN;
+    EXPECT_NEAR(Ray_Interpolate_Linear<RAY_CPU>(q, 10, 10, 10, two.data()), 2.0f * 0.992f, 1e-5f);
+    EXPECT_NEAR(Ray_Interpolate_Linear<RAY_GPU>(q, 10, 10, 10, two.data()), 2.0f * 0.992f, 1e-5f);
 }
 
-/* ---------------------------------------------------------------- shading */
-
-namespace {
-struct Shade_Fixture : ::testing::Test {
-    Grid g{4, 4, 4};
-    Rays r = {};
-    void SetUp() override
-    {
-        r.dir[2] = 1.0f; /* looking along +z */
-        g.sc.light_nb = 1;
-        g.light_color[0] = 0xFFFFFFu;
-    }
-    unsigned int shade(unsigned int base, float nx, float ny, float nz, unsigned char flags = 7)
-    {
-        const float n[3] = {nx, ny, nz};
-        return Ray_Color_Word(Ray_DDDA_Shade(&r, Ray_Color_Of(base), n, flags, g.sc));
-    }
-    void light(int i, unsigned int color, float x, float y, float z, unsigned char on = 1)
-    {
-        g.light_status[i] = on;
-        g.light_color[i] = color;
-        g.lx[i] = x;
-        g.ly[i] = y;
-        g.lz[i] = z;
-        if (g.sc.light_nb < i + 1) g.sc.light_nb = static_cast<unsigned short>(i + 1);
-    }
-};
-} // namespace
-
-TEST_F(Shade_Fixture, BackFaceIsAQuarterWithNoLight)
+TEST(RayShade, Cases)
 {
-    light(1, 0xFFFFFFu, 0, 0, 1);
-    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, 1), 0x3F3F3Fu);
-    EXPECT_EQ(shade(0x0380FDu, 0.1f, 0, 0.5f), 0x00203Fu);
-}
-
-TEST_F(Shade_Fixture, AmbientOnly)
-{
-    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, -1), 0xFEFEFEu);
-    g.light_color[0] = 0x80FF00u;
-    EXPECT_EQ(shade(0x204080u, 0, 0, -1), (0x20u * 0x80 >> 8) << 16 | (0x40u * 0xFF >> 8) << 8);
-    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, -1, 6), 0u);
-}
-
-TEST_F(Shade_Fixture, DiffuseFullFacing)
-{
-    g.light_color[0] = 0;
-    r.dir[0] = 1.0f; /* seen edge-on: no highlight (e = 0) */
-    r.dir[2] = 0.0f;
-    light(1, 0xFFFFFFu, 0, 0, 1);
-    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, -1), 0xFDFDFDu);
-    g.light_color[0] = 0xFFFFFFu;
-    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, -1), 0xFFFFFFu); /* 254 + 253 saturates */
-    g.light_status[1] = 0;
-    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, -1), 0xFEFEFEu);
-}
-
-TEST_F(Shade_Fixture, SpecularIndexAndTable)
-{
-    g.light_color[0] = 0;
-    light(1, 0xFFFFFFu, 0, 0, 1);
-    /* Zero normal: no back face, d = 0, R = L, e = -(L . dir). */
-    r.dir[2] = -0.9765625f; /* index 1000: entry 125, adds 124 */
-    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, 0), 0x7C7C7Cu);
-    r.dir[2] = -0.5f; /* index 512: entry 0 */
-    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, 0), 0u);
-    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, 0, 3), 0u);
-
-    /* e of 1 or more reads the table's last entry. */
-    for (int i = 0; i < 1024; i++) g.phong[i] = static_cast<unsigned int>(i) & 0xFFu;
-    r.dir[2] = -1.0f;
-    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, 0), 0xFEFEFEu); /* (255 * 255) >> 8 */
-    r.dir[2] = -1.5f;
-    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, 0), 0xFEFEFEu);
-    r.dir[2] = -0.9990234375f; /* index 1023 exactly */
-    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, 0), 0xFEFEFEu);
-    r.dir[2] = -0.998046875f; /* index 1022 */
-    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, 0), 0xFDFDFDu);
-}
-
-TEST_F(Shade_Fixture, HighlightTakesLightColourBehindSurface)
-{
-    g.light_color[0] = 0;
-    /* d < 0 (light from behind), yet e > 0: only the highlight, in the light's colour. */
-    light(1, 0x0000FFu, 0.0f, 0.0f, -1.0f);
-    r.dir[0] = 0.0f;
-    r.dir[2] = 1.0f;
-    /* n = (0, 0, -0.01): d = -0.01, R = (0, 0, -1 + 0.0002), e ~ 0.9998 */
-    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, -0.01f), (g.phong[1023] * 0xFFu) >> 8);
-}
-
-TEST_F(Shade_Fixture, DiffuseAndHighlightTogether)
-{
-    g.light_color[0] = 0;
-    /* n = (0, 0, -1), L = (0, -0.6, 0.8): d = 0.8, R = (0, -0.6, -0.8). */
-    light(1, 0xFFFFFFu, 0.0f, -0.6f, 0.8f);
-    r.dir[1] = 0.28f; /* e = 0.168 + 0.768 = 0.936: index 958 */
-    r.dir[2] = 0.96f;
-    unsigned int k = 202u + ((g.phong[958] * 255u) >> 8); /* (255 * 255 * 204) >> 16 = 202 */
-    ASSERT_GT(g.phong[958], 0u);
-    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, -1), k << 16 | k << 8 | k);
-}
-
-TEST_F(Shade_Fixture, LightsBeyondFiveAreNotRead)
-{
-    light(1, 0xFFFFFFu, 0, 0, 1);
-    g.light_color[0] = 0;
-    r.dir[0] = 1.0f;
-    r.dir[2] = 0.0f;
-    g.sc.light_nb = 60000;
-    EXPECT_EQ(shade(0xFFFFFFu, 0, 0, -1), 0xFDFDFDu);
-}
-
-/* ------------------------------------------------------ colour and opacity */
-
-TEST(RayColour, BaseColourByMode)
-{
-    Grid g(2, 2, 2);
-    g.map_col[7] = 3;
-    g.tag_col[3] = 0x123456u;
-    g.sc.col_mode = 0;
-    EXPECT_EQ(Ray_Base_Color(g.sc, 7), 0xFFFFFFu);
-    for (int mode : {1, 2, 3, 4, 5, 255}) {
-        g.sc.col_mode = static_cast<unsigned char>(mode);
-        EXPECT_EQ(Ray_Base_Color(g.sc, 7), 0x123456u);
-        EXPECT_EQ(Ray_Base_Color(g.sc, 8), 0xFFFFFFu);
+    struct { /* the eye's direction, the normal, the ambient light, light 1 (colour, direction, status) */
+        float dir[3], n[3];
+        unsigned int ambient, light;
+        float L[3];
+        int on, nb, flags;
+        unsigned int base, want;
+    } cases[] = {
+        {{0, 0, 1}, {0, 0, 1}, 0xFFFFFF, 0xFFFFFF, {0, 0, 1}, 1, 2, 7, 0xFFFFFF, 0x3F3F3F}, /* back face */
+        {{0, 0, 1}, {0.1f, 0, 0.5f}, 0xFFFFFF, 0, {}, 1, 2, 7, 0x0380FD, 0x00203F},
+        {{0, 0, 1}, {0, 0, -1}, 0xFFFFFF, 0, {}, 0, 1, 7, 0xFFFFFF, 0xFEFEFE}, /* ambient */
+        {{0, 0, 1}, {0, 0, -1}, 0x80FF00, 0, {}, 0, 1, 7, 0x204080, 0x103F00},
+        {{0, 0, 1}, {0, 0, -1}, 0xFFFFFF, 0, {}, 0, 1, 6, 0xFFFFFF, 0},
+        /* Diffuse with d = 1, seen edge-on (e = 0): 253; with the ambient it saturates; off: nothing. */
+        {{1, 0, 0}, {0, 0, -1}, 0, 0xFFFFFF, {0, 0, 1}, 1, 2, 7, 0xFFFFFF, 0xFDFDFD},
+        {{1, 0, 0}, {0, 0, -1}, 0xFFFFFF, 0xFFFFFF, {0, 0, 1}, 1, 2, 7, 0xFFFFFF, 0xFFFFFF},
+        {{1, 0, 0}, {0, 0, -1}, 0xFFFFFF, 0xFFFFFF, {0, 0, 1}, 0, 2, 7, 0xFFFFFF, 0xFEFEFE},
+        {{1, 0, 0}, {0, 0, -1}, 0, 0xFFFFFF, {0, 0, 1}, 1, 60000, 7, 0xFFFFFF, 0xFDFDFD}, /* 5 read */
+        /* Zero normal: no back face, d = 0, R = L: e = 0.9765625 is index 1000, 125 adds 124. */
+        {{0, 0, -0.9765625f}, {0, 0, 0}, 0, 0xFFFFFF, {0, 0, 1}, 1, 2, 7, 0xFFFFFF, 0x7C7C7C},
+        {{0, 0, -0.9765625f}, {0, 0, 0}, 0, 0xFFFFFF, {0, 0, 1}, 1, 2, 3, 0xFFFFFF, 0},
+        {{0, 0, -0.5f}, {0, 0, 0}, 0, 0xFFFFFF, {0, 0, 1}, 1, 2, 7, 0xFFFFFF, 0}, /* index 512: 0 */
+        {{0, 0, -1.5f}, {0, 0, 0}, 0, 0xFFFFFF, {0, 0, 1}, 1, 2, 7, 0xFFFFFF, 0xF6F6F6}, /* last entry */
+        /* A light from behind (d < 0) still gives a highlight, in the light's colour alone. */
+        {{0, 0, 1}, {0, 0, -0.01f}, 0, 0x0000FF, {0, 0, -1}, 1, 2, 7, 0xFFFFFF, 0x0000F6},
+        /* d = 0.8 (q = 204: 202), R = (0, -0.6, -0.8), e = 0.936: index 958 (34: 33). */
+        {{0, 0.28f, 0.96f}, {0, 0, -1}, 0, 0xFFFFFF, {0, -0.6f, 0.8f}, 1, 2, 7, 0xFFFFFF, 0xEBEBEB},
+    };
+    Grid g(2);
+    for (const auto& c : cases) {
+        Rays r = {};
+        for (int a = 0; a < 3; a++) r.dir[a] = c.dir[a];
+        g.light_color[0] = c.ambient, g.light_color[1] = c.light, g.light_status[1] = c.on != 0;
+        g.lx[1] = c.L[0], g.ly[1] = c.L[1], g.lz[1] = c.L[2], g.sc.light_nb = static_cast<unsigned short>(c.nb);
+        Color out = Ray_DDDA_Shade(&r, Ray_Color_Of(c.base), c.n, static_cast<unsigned char>(c.flags), g.sc);
+        EXPECT_EQ(Ray_Color_Word(out), c.want) << "row " << &c - cases;
     }
 }
 
-TEST(RayColour, OpacityByMode)
+TEST(RayColour, BaseColourAndOpacityByMode)
 {
-    Grid g(2, 2, 2);
+    Grid g(2);
     Ray_Scene& sc = g.sc;
-    sc.threshold = 0.5f;
-    sc.col_mode = 0;
-    EXPECT_NEAR(Ray_Alpha(sc, 0.1f, 0.45f, 0.5f, 0, 0, 0), 0.05f, 1e-7f);
-    EXPECT_EQ(Ray_Alpha(sc, 0.3f, 0.7f, 0.5f, 9, 0, 0), 0.5f); /* both clamps at 1 */
-    EXPECT_EQ(Ray_Alpha(sc, 0.3f, 0.39f, 0.5f, 0, 0, 0), 0.0f);
-    EXPECT_TRUE(Ray_Alpha_Needs_Grey(sc, 3));
-
-    sc.col_mode = 3;
-    EXPECT_EQ(Ray_Alpha(sc, 0.1f, 1.0f, 0.5f, 0, 0, 0), 0.0f);
-    EXPECT_FLOAT_EQ(Ray_Alpha(sc, 0.1f, 0.0f, 0.5f, 4, 0, 0), 0.2f);
-    EXPECT_FALSE(Ray_Alpha_Needs_Grey(sc, 0));
-
-    sc.col_mode = 4;
-    EXPECT_FLOAT_EQ(Ray_Alpha(sc, 0.4f, 0.0f, 0.5f, 4, 0, 0), 0.5f * 0.4f);
-    EXPECT_NEAR(Ray_Alpha(sc, 0.1f, 0.45f, 0.5f, 0, 0, 0), 0.05f, 1e-7f);
-    EXPECT_TRUE(Ray_Alpha_Needs_Grey(sc, 0));
-    EXPECT_FALSE(Ray_Alpha_Needs_Grey(sc, 4));
-
-    for (int mode : {5, 128, 255}) {
-        sc.col_mode = static_cast<unsigned char>(mode);
-        EXPECT_EQ(Ray_Alpha(sc, 1.0f, 1.0f, 1.0f, 4, 0, 0), 0.0f);
+    struct { int mode, mc; float a, g, w, want; bool grey; /* reads the grey level */ } cases[] = {
+        {0, 0, 0.1f, 0.45f, 0.5f, 0.05f, true}, {0, 9, 0.3f, 0.7f, 0.5f, 0.5f, true}, /* 0.4 x 0.5 x 0.25 */
+        {0, 0, 0.3f, 0.39f, 0.5f, 0.0f, true},  {3, 0, 0.1f, 1.0f, 0.5f, 0.0f, false}, /* untagged */
+        {3, 4, 0.1f, 0.0f, 0.5f, 0.2f, false},  {4, 4, 0.4f, 0.0f, 0.5f, 0.2f, false}, /* 2 thr a */
+        {4, 0, 0.1f, 0.45f, 0.5f, 0.05f, true}, {5, 4, 1, 1, 1, 0, false}, {255, 4, 1, 1, 1, 0, false},
+    };
+    for (const auto& c : cases) {
+        sc.col_mode = static_cast<unsigned char>(c.mode);
+        EXPECT_NEAR(Ray_Alpha(sc, c.a, c.g, c.w, static_cast<unsigned char>(c.mc), 0, 0), c.want, 1e-7f)
+            << "row " << &c - cases;
+        EXPECT_EQ(Ray_Alpha_Needs_Grey(sc, static_cast<unsigned char>(c.mc)), c.grey) << "row " << &c - cases;
+        /* The tag's colour in every mode but 0; white for an untagged voxel. */
+        EXPECT_EQ(Ray_Base_Color(sc, 1), c.mode == 0 ? 0xFFFFFFu : 0x80FF40u);
+        EXPECT_EQ(Ray_Base_Color(sc, 8), 0xFFFFFFu);
     }
-}
-
-TEST(RayColour, MapBandRule)
-{
-    Grid g(2, 2, 2);
-    Ray_Scene& sc = g.sc;
-    sc.col_mode = 2;
+    /* Mode 2, three maps (B = 0.5): band 1 rises from 0 to 4 at 0.5 and falls to 0 at 1. */
     sc.map_nb = 3;
     float B = Ray_Band_Width(sc);
-    EXPECT_EQ(B, 0.5f);
-    sc.threshold = 0.25f; /* rising side of band 1 */
-    EXPECT_EQ(Ray_Band(sc, B, 1), 2.0f);
-    EXPECT_FLOAT_EQ(Ray_Alpha(sc, 0.3f, 0.0f, 0.9f, 1, B, Ray_Band(sc, B, 1)), 0.5f * 0.6f);
-    sc.threshold = 0.75f; /* falling side */
-    EXPECT_EQ(Ray_Band(sc, B, 1), 2.0f);
-    sc.threshold = 0.5f; /* the centre itself */
-    EXPECT_EQ(Ray_Band(sc, B, 1), 4.0f);
-    sc.threshold = 0.0f; /* low edge excluded, high edge included */
-    EXPECT_EQ(Ray_Band(sc, B, 1), 0.0f);
-    sc.threshold = 1.0f;
-    EXPECT_EQ(Ray_Band(sc, B, 1), 0.0f);
-    EXPECT_EQ(Ray_Band(sc, B, 2), 4.0f);
-
-    /* Fewer than two maps: transparent. */
-    for (int nb : {0, 1}) {
-        sc.map_nb = static_cast<unsigned char>(nb);
-        EXPECT_EQ(Ray_Alpha(sc, 1.0f, 1.0f, 1.0f, 1, 1.0f, 4.0f), 0.0f);
+    const float thr_map_band[][3] = {{0.25f, 1, 2}, {0.75f, 1, 2}, {0.5f, 1, 4}, {0, 1, 0}, {1, 1, 0},
+                                     {1, 2, 4}};
+    for (const auto& t : thr_map_band) {
+        sc.threshold = t[0];
+        EXPECT_EQ(Ray_Band(sc, B, static_cast<unsigned char>(t[1])), t[2]) << t[0] << " " << t[1];
     }
+    sc.col_mode = 2;
+    EXPECT_FLOAT_EQ(Ray_Alpha(sc, 0.3f, 0.0f, 0.9f, 1, B, 2.0f), 0.5f * 0.6f);
+    sc.map_nb = 1; /* fewer than two maps: transparent */
+    EXPECT_EQ(Ray_Alpha(sc, 1.0f, 1.0f, 1.0f, 1, 1.0f, 4.0f), 0.0f);
 }
 
-/* ------------------------------------------------------------------ walk */
-
-TEST(RayWalk, ExampleNineSamples)
+TEST(RayWalk, NineSamplesTiesAndTheWeights)
 {
-    Grid g(10, 10, 10);
-    g.fill(0.0f, 0.0f, 0);
-    Rays r = g.ray<RAY_CPU>(0.03125f, 5.5f, 5.5f, 1, 0, 0);
-    Recorder rec;
-    EXPECT_EQ(walk<RAY_CPU>(g, r, &rec), 0xFF000000u);
-    ASSERT_EQ(rec.calls, 9); /* crossings into x = 1 .. 9 */
-    for (int k = 0; k < 9; k++) EXPECT_EQ(rec.vox[static_cast<size_t>(k)][0], k + 1);
-    /* pos as seen at call k + 1 is sample k: mid 4843, then t_prev + 5000. */
-    EXPECT_EQ(rec.pos[1][0], 0.03125f + 4843.0f * 0.0001f);
-    EXPECT_EQ(rec.pos[2][0], 0.03125f + 14687.0f * 0.0001f);
-    EXPECT_EQ(rec.pos[1][1], 5.5f);
-    EXPECT_EQ(r.trans, 1.0f);
-
-    /* Opacity = weight (mode 3, tagged, a = 1): the first weight is 9687 x 5.773e-5. */
-    g.fill(0.0f, 1.0f, 1);
-    g.map_col[1] = 1;
-    g.sc.col_mode = 3;
-    Rays r2 = g.ray<RAY_CPU>(0.03125f, 5.5f, 5.5f, 1, 0, 0);
-    Recorder one;
-    one.stop_at = 2;
-    walk<RAY_CPU>(g, r2, &one);
-    EXPECT_EQ(r2.trans, 1.0f - 9687.0f * RAY_WEIGHT_PER_UNIT);
-}
-
-TEST(RayWalk, TiesStepXThenYThenZ)
-{
-    Grid g(10, 10, 10);
-    Rays r = g.ray<RAY_CPU>(5.5f, 5.5f, 5.5f, 0.6f, 0.6f, 0.52915f);
-    r.t_max[0] = 5000;
-    r.t_max[1] = 5000;
-    r.t_max[2] = 7000;
-    Recorder rec;
-    rec.stop_at = 2;
-    walk<RAY_CPU>(g, r, &rec);
-    EXPECT_EQ(rec.vox[0], (std::array<int, 3>{6, 5, 5}));
-    EXPECT_EQ(rec.vox[1], (std::array<int, 3>{6, 6, 5}));
-
-    Rays s = g.ray<RAY_CPU>(5.5f, 5.5f, 5.5f, 0.6f, 0.6f, 0.52915f);
-    s.t_max[0] = 6000;
-    s.t_max[1] = 5000;
-    s.t_max[2] = 5000;
-    Recorder rec2;
-    rec2.stop_at = 2;
-    walk<RAY_CPU>(g, s, &rec2);
-    EXPECT_EQ(rec2.vox[0], (std::array<int, 3>{5, 6, 5}));
-    EXPECT_EQ(rec2.vox[1], (std::array<int, 3>{5, 6, 6}));
-}
-
-TEST(RayWalk, StopsAtIndexTestAndTEnd)
-{
+    /* Entry x = 0.03125 in 10 voxels: crossings at 9687 + 10000 k into x = 1..9, then t_end. */
+    Grid g(10, 5);
+    Rays r = ray_in<RAY_CPU>(g, k_row, k_x), far = r, one = r;
+    Recorder rec, far_rec, first;
+    EXPECT_EQ(walk(g, r, rec), 0xFF000000u);
+    ASSERT_EQ(rec.calls, 9);
+    for (int k = 0; k < 9; k++) EXPECT_EQ(rec.vox[size_t(k)], (std::array<int, 3>{k + 1, 5, 5}));
+    /* Sample k is seen at call k + 1: mid 4843, then t_prev + 5000. */
+    EXPECT_EQ((std::array<float, 2>{rec.pos_x[1], rec.pos_x[2]}),
+              (std::array<float, 2>{0.03125f + 4843.0f * 0.0001f, 0.03125f + 14687.0f * 0.0001f}));
     /* A t_end far off still stops at the box: the index test ends the ray. */
-    Grid g(10, 10, 10);
-    Rays r = g.ray<RAY_CPU>(0.03125f, 5.5f, 5.5f, 1, 0, 0);
-    r.t_end[0] = INT_MAX;
-    Recorder rec;
-    walk<RAY_CPU>(g, r, &rec);
-    EXPECT_EQ(rec.calls, 9);
-    EXPECT_EQ(r.vox[0], 10);
+    far.t_end[0] = INT_MAX;
+    walk(g, far, far_rec);
+    EXPECT_EQ((std::array<int, 2>{far_rec.calls, far.vox[0]}), (std::array<int, 2>{9, 10}));
+    /* Ties: (5000, 5000, 7000) steps x then y; (6000, 5000, 5000) y then z. */
+    const int t_max[2][3] = {{5000, 5000, 7000}, {6000, 5000, 5000}};
+    const std::array<int, 3> want[2][2] = {{{{6, 5, 5}}, {{6, 6, 5}}}, {{{5, 6, 5}}, {{5, 6, 6}}}};
+    const float centre[3] = {5.5f, 5.5f, 5.5f}, diag[3] = {0.6f, 0.6f, 0.52915f};
+    for (int k = 0; k < 2; k++) {
+        Rays tie = ray_in<RAY_CPU>(g, centre, diag);
+        for (int a = 0; a < 3; a++) tie.t_max[a] = t_max[k][a];
+        Recorder steps;
+        steps.stop_at = 2;
+        walk(g, tie, steps);
+        EXPECT_EQ(steps.vox[0], want[k][0]) << "tie " << k;
+        EXPECT_EQ(steps.vox[1], want[k][1]) << "tie " << k;
+    }
+    /* Opacity = weight (mode 3, a = 1): the first two are 9687 and 10000 x 5.773e-5 (bits 0x3872231D). */
+    g.sc.col_mode = 3;
+    first.stop_at = 3;
+    walk(g, one, first);
+    EXPECT_EQ(one.trans, (1.0f - 9687.0f * 0x1.e4463ap-15f) * (1.0f - 10000.0f * 0x1.e4463ap-15f));
 }
 
-TEST(RayWalk, OpaqueFirstSampleStops)
+TEST(RayWalk, Cases)
 {
-    /* Mode 2, map_nb 2 (B = 1), map 1 at threshold 0.5: x = 2, a = 1: alpha 1. */
-    Grid g(10, 10, 10);
-    g.fill(0.0f, 1.0f, 1);
-    g.map_col[1] = 1;
-    g.map_id[1] = 1;
-    g.tag_col[1] = 0x80FF40u;
-    g.sc.col_mode = 2;
-    g.sc.map_nb = 2;
-    g.sc.threshold = 0.5f;
-    g.sc.light_nb = 1;
-    g.light_color[0] = 0xFFFFFFu;
-    for (int form = 0; form < 2; form++) {
-        Rays r = g.ray<RAY_CPU>(0.03125f, 5.5f, 5.5f, 1, 0, 0);
+    const int kAny = -1;
+    struct { /* the volume's side and colour mode, its clip bits and planes, the ray, its stop and word */
+        int form, dim, mode, vf, x_lo, x_hi, y_lo, y_hi;
+        float clip, p[3], d[3];
+        int stop_at, calls;
+        unsigned int want;
+    } cases[] = {
+        /* Mode 2, two maps, map 1 at threshold 0.5, a = 1: the first sample is opaque and ends the ray. */
+        {RAY_CPU, 10, 2, 0, 0, 0, 0, 0, -1, {0.03125f, 5.5f, 5.5f}, {1, 0, 0}, 0, 1, 0x007FFE3F},
+        {RAY_GPU, 10, 2, 0, 0, 0, 0, 0, -1, {0.03125f, 5.5f, 5.5f}, {1, 0, 0}, 0, 0, 0x007FFE3F},
+        {RAY_CPU, 10, 2, 0, 0, 0, 0, 0, -1, {0.03125f, 5.5f, 5.5f}, {1, 0, 0}, 1, 1, 0xFF000000}, /* stop */
+        /* Mode 3, opacity = weight, until T <= 1/255: the device truncates its sums at every addition. */
+        {RAY_CPU, 10, 3, 0, 0, 0, 0, 0, -1, {0.03125f, 5.5f, 5.5f}, {1, 0, 0}, 0, 7, 0x007EFD3E},
+        {RAY_GPU, 10, 3, 0, 0, 0, 0, 0, -1, {0.03125f, 5.5f, 5.5f}, {1, 0, 0}, 0, 0, 0x007CFA3C},
+        /* Depth clip: segments that start nearer than it are skipped; one that starts at it is drawn. */
+        {RAY_CPU, 10, 3, 0, 0, 0, 0, 0, 20, {0.03125f, 5.5f, 5.5f}, {1, 0, 0}, 0, 9, 0xFF000000},
+        {RAY_CPU, 10, 3, 0, 0, 0, 0, 0, 7, {0.03125f, 5.5f, 5.5f}, {1, 0, 0}, 0, 9, 0x6B499224},
+        {RAY_CPU, 10, 3, 0, 0, 0, 0, 0, 6, {0.03125f, 5.5f, 5.5f}, {1, 0, 0}, 0, 9, 0x2D68D033},
+        {RAY_CPU, 10, 3, 0, 0, 0, 0, 0, 0.9687f, {0.03125f, 5.5f, 5.5f}, {1, 0, 0}, 3, 3, 0x6B499224},
+        /* Clip-plane overlay over a transparent volume; plane bits without 0x80 draw nothing. */
+        {RAY_CPU, 20, 5, 0x10, 10, 0, 0, 0, -1, {0.03125f, 5.5f, 5.5f}, {1, 0, 0}, 0, kAny, 0xFF000000},
+        /* Low x plane at 10: yellow at 16/255, on both forms. */
+        {RAY_CPU, 20, 5, 0x90, 10, 0, 0, 0, -1, {0.03125f, 5.5f, 5.5f}, {1, 0, 0}, 0, kAny, 0xEF101000},
+        {RAY_GPU, 20, 5, 0x90, 10, 0, 0, 0, -1, {0.03125f, 5.5f, 5.5f}, {1, 0, 0}, 0, kAny, 0xEF101000},
+        /* The plane on a y or z face of the volume (flags 0x212, 0x412): opaque yellow. */
+        {RAY_CPU, 20, 5, 0x90, 10, 0, 0, 0, -1, {0.03125f, 0.5f, 5.5f}, {1, 0, 0}, 0, kAny, 0x00FFFF00},
+        {RAY_CPU, 20, 5, 0x90, 10, 0, 0, 0, -1, {0.03125f, 5.5f, 19.5f}, {1, 0, 0}, 0, kAny, 0x00FFFF00},
+        /* The high y plane on the border, where x clips: half white (first sample only). */
+        {RAY_CPU, 20, 5, 0x290, 10, 0, 0, 19, -1, {0.03125f, 19.5f, 5.5f}, {1, 0, 0}, 2, kAny, 0x7F7F7F7F},
+        /* The edge of two planes (flags exactly 0x030): opaque, and the walk goes on to the end... */
+        {RAY_CPU, 20, 5, 0xB0, 10, 0, 10, 0, -1, {9.5f, 10.5f, 5.5f}, {1, 0, 0}, 0, 10, 0x00FFFF00},
+        /* ...or to the next ordinary sample: (10, 11) is the x plane again, (11, 11) stops. */
+        {RAY_CPU, 20, 5, 0xB0, 10, 0, 10, 0, -1, {9.5f, 10.1f, 5.5f}, {0.8f, 0.6f, 0}, 0, 3, 0x00FFFF00},
+        /* The edge at z = 0 (flags 0x432) is on the border: half white. */
+        {RAY_CPU, 20, 5, 0xB0, 10, 0, 10, 0, -1, {9.5f, 10.5f, 0.5f}, {1, 0, 0}, 2, kAny, 0x7F7F7F7F},
+        /* High x plane at 4: samples in voxels 1..3, the plane at 4, then nothing (clipped). */
+        {RAY_CPU, 20, 3, 0x180, 0, 4, 0, 0, -1, {0.03125f, 5.5f, 5.5f}, {1, 0, 0}, 0, 19, 0x1276EB3A},
+    };
+    for (const auto& c : cases) {
+        Grid g(c.dim, c.mode);
+        g.sc.clip = c.clip, g.sc.vol_flag = static_cast<unsigned int>(c.vf);
+        g.sc.clip_lo[0] = c.x_lo, g.sc.clip_hi[0] = c.x_hi, g.sc.clip_lo[1] = c.y_lo, g.sc.clip_hi[1] = c.y_hi;
         Recorder rec;
-        unsigned int px = form == 0 ? walk<RAY_CPU>(g, r, &rec) : walk<RAY_GPU>(g, r, &rec);
-        EXPECT_EQ(px, 0x007FFE3Fu); /* ambient white times the tag colour, T = 0 */
-        EXPECT_EQ(rec.calls, form == 0 ? 1 : 0);
+        rec.stop_at = c.stop_at ? c.stop_at : INT_MAX;
+        Rays r = ray_in<RAY_CPU>(g, c.p, c.d);
+        unsigned int px = c.form == RAY_CPU ? walk<RAY_CPU>(g, r, rec) : walk<RAY_GPU>(g, r, rec);
+        EXPECT_EQ(px, c.want) << "row " << &c - cases << std::hex << " got " << px;
+        EXPECT_EQ(rec.calls, c.calls == kAny ? rec.calls : c.calls) << "row " << &c - cases;
     }
 }
 
-TEST(RayWalk, FormsAccumulateDifferently)
+TEST(RayWalk, MissingArraysAndClipFlags)
 {
-    /* Nine samples of colour 0xFEFEFE and opacity = weight (mode 3). */
-    Grid g(10, 10, 10);
-    g.fill(0.0f, 1.0f, 1);
-    g.map_col[1] = 1;
-    g.tag_col[1] = 0xFFFFFFu;
-    g.sc.col_mode = 3;
-    g.sc.light_nb = 1;
-    g.light_color[0] = 0xFFFFFFu;
-    float cpu = 0.0f, T = 1.0f;
-    int gpu = 0;
-    float Tg = 1.0f;
-    int t_prev = 0;
-    for (int k = 0; k < 9; k++) {
-        int t = 9687 + 10000 * k;
-        float w = static_cast<float>(t - t_prev) * RAY_WEIGHT_PER_UNIT;
-        cpu += 254.0f * w * T;
-        T *= 1.0f - w;
-        gpu = static_cast<int>(static_cast<float>(gpu) + Tg * (w * 254.0f));
-        Tg *= 1.0f - w;
-        t_prev = t;
-        if (T <= 0.003921569f) break;
-    }
-    unsigned int b3 = static_cast<unsigned int>(T * 255.0f);
-    unsigned int bc = static_cast<unsigned int>(cpu), bg = static_cast<unsigned int>(gpu);
-    ASSERT_NE(bc, bg);
-    Rays rc = g.ray<RAY_CPU>(0.03125f, 5.5f, 5.5f, 1, 0, 0);
-    Rays rg = g.ray<RAY_GPU>(0.03125f, 5.5f, 5.5f, 1, 0, 0);
-    EXPECT_EQ(walk<RAY_CPU>(g, rc), b3 << 24 | bc << 16 | bc << 8 | bc);
-    EXPECT_EQ(walk<RAY_GPU>(g, rg), b3 << 24 | bg << 16 | bg << 8 | bg);
-    EXPECT_EQ(rc.col[0], cpu);
-    EXPECT_EQ(rc.trans, T);
-}
-
-TEST(RayWalk, DepthClip)
-{
-    Grid g(10, 10, 10);
-    g.fill(0.0f, 1.0f, 1);
-    g.map_col[1] = 1;
-    g.sc.col_mode = 3;
-    g.sc.light_nb = 1;
-    g.light_color[0] = 0xFFFFFFu;
-    /* Beyond every sample: nothing drawn. */
-    g.sc.clip = 20.0f;
-    Rays r = g.ray<RAY_CPU>(0.03125f, 5.5f, 5.5f, 1, 0, 0);
-    EXPECT_EQ(walk<RAY_CPU>(g, r), 0xFF000000u);
-    /* Samples whose segment starts nearer than the clip are skipped. */
-    const float w = 10000.0f * RAY_WEIGHT_PER_UNIT;
-    g.sc.clip = 7.0f; /* only the segment from 7.9687 */
-    Rays s = g.ray<RAY_CPU>(0.03125f, 5.5f, 5.5f, 1, 0, 0);
-    walk<RAY_CPU>(g, s);
-    EXPECT_EQ(s.trans, 1.0f - w);
-    g.sc.clip = 6.0f; /* from 6.9687 and 7.9687 */
-    Rays u = g.ray<RAY_CPU>(0.03125f, 5.5f, 5.5f, 1, 0, 0);
-    walk<RAY_CPU>(g, u);
-    EXPECT_EQ(u.trans, (1.0f - w) * (1.0f - w));
-    /* A segment starting exactly at the clip distance is drawn. */
-    g.sc.clip = 9687.0f * RAY_DDA_TO_LEN;
-    Rays e = g.ray<RAY_CPU>(0.03125f, 5.5f, 5.5f, 1, 0, 0);
-    Recorder two;
-    two.stop_at = 3; /* the first two samples only */
-    walk<RAY_CPU>(g, e, &two);
-    EXPECT_EQ(e.trans, 1.0f - w);
-}
-
-TEST(RayWalk, MissingBuffersGiveZeroAtFirstSample)
-{
-    Grid g(10, 10, 10);
-    const float** fields[] = {&g.sc.grad_a, &g.sc.grad_x, &g.sc.grad_y, &g.sc.grad_z, &g.sc.gli};
-    for (const float** f : fields) {
+    /* On the CPU a missing array gives 0 at the first sample; a ray stopped before it packs as usual. */
+    Grid g(20, 3);
+    for (const float** f : {&g.sc.grad_a, &g.sc.grad_x, &g.sc.grad_y, &g.sc.grad_z, &g.sc.gli}) {
         const float* keep = *f;
+        Rays r = ray_in<RAY_CPU>(g, k_row, k_x), s = r;
+        Recorder all, none;
+        none.stop_at = 1;
         *f = nullptr;
-        Rays r = g.ray<RAY_CPU>(0.03125f, 5.5f, 5.5f, 1, 0, 0);
-        EXPECT_EQ(walk<RAY_CPU>(g, r), 0u);
-        /* A ray that ends before its first sample packs as usual. */
-        Rays s = g.ray<RAY_CPU>(0.03125f, 5.5f, 5.5f, 1, 0, 0);
-        Recorder rec;
-        rec.stop_at = 1;
-        EXPECT_EQ(walk<RAY_CPU>(g, s, &rec), 0xFF000000u);
+        EXPECT_EQ((std::array<unsigned int, 2>{walk(g, r, all), walk(g, s, none)}),
+                  (std::array<unsigned int, 2>{0u, 0xFF000000u}));
         *f = keep;
     }
+    /* Flags with the low x plane at 10 and the high y plane at 15. */
+    g.sc.vol_flag = 0x80u | 0x10u | 0x200u;
+    g.sc.clip_lo[0] = 10, g.sc.clip_hi[1] = 15;
+    const struct { int v[3]; unsigned int want; } cases[] = {
+        {{10, 5, 5}, 0x010}, {{9, 5, 5}, 0x001}, {{12, 16, 5}, 0x001},
+        {{10, 0, 19}, 0x010 | 0x002 | 0x200 | 0x400}, {{19, 15, 5}, 0x002 | 0x100 | 0x020},
+    };
+    for (const auto& c : cases) EXPECT_EQ(Ray_Clip_Flags(g.sc, c.v), c.want) << "row " << &c - cases;
 }
-
-/* ------------------------------------------------------- clip and overlay */
 
 namespace {
-/* A transparent 20^3 volume (mode 5), so only the overlay draws. */
-struct Overlay_Fixture : ::testing::Test {
-    Grid g{20, 20, 20};
-    void SetUp() override
-    {
-        g.sc.col_mode = 5;
-        g.sc.light_nb = 1;
-        g.light_color[0] = 0xFFFFFFu;
-    }
-    void planes(unsigned int vf, int xl, int xh, int yl, int yh, int zl, int zh)
-    {
-        g.sc.vol_flag = vf;
-        g.sc.clip_lo[0] = xl;
-        g.sc.clip_hi[0] = xh;
-        g.sc.clip_lo[1] = yl;
-        g.sc.clip_hi[1] = yh;
-        g.sc.clip_lo[2] = zl;
-        g.sc.clip_hi[2] = zh;
-    }
-    template <int F = RAY_CPU>
-    unsigned int along_x(float y, float z, Recorder* rec = nullptr)
-    {
-        Rays r = g.ray<F>(0.03125f, y, z, 1, 0, 0);
-        return walk<F>(g, r, rec);
-    }
-};
-} // namespace
-
-TEST_F(Overlay_Fixture, FlagsOfVoxels)
-{
-    planes(0x80u | 0x10u | 0x200u, 10, 0, 0, 15, 0, 0);
-    const int inner[3] = {10, 5, 5};
-    EXPECT_EQ(Ray_Clip_Flags(g.sc, inner), 0x010u);
-    const int below[3] = {9, 5, 5};
-    EXPECT_EQ(Ray_Clip_Flags(g.sc, below), 0x001u);
-    const int above_y[3] = {12, 16, 5};
-    EXPECT_EQ(Ray_Clip_Flags(g.sc, above_y), 0x001u);
-    const int corner[3] = {10, 0, 19};
-    EXPECT_EQ(Ray_Clip_Flags(g.sc, corner), 0x010u | 0x002u | 0x200u | 0x400u);
-    const int high_x_face[3] = {19, 15, 5};
-    EXPECT_EQ(Ray_Clip_Flags(g.sc, high_x_face), 0x002u | 0x100u | 0x020u);
-}
-
-TEST_F(Overlay_Fixture, NoClipBoxNoOverlay)
-{
-    planes(0x10u, 10, 0, 0, 0, 0, 0); /* plane bits without 0x80 */
-    EXPECT_EQ(along_x(5.5f, 5.5f), 0xFF000000u);
-}
-
-TEST_F(Overlay_Fixture, LowXPlaneIsTranslucentYellow)
-{
-    planes(0x90u, 10, 0, 0, 0, 0, 0);
-    unsigned int b = static_cast<unsigned int>(255.0f * RAY_PLANE_ALPHA);
-    unsigned int t = static_cast<unsigned int>((1.0f - RAY_PLANE_ALPHA) * 255.0f);
-    EXPECT_EQ(b, 16u);
-    EXPECT_EQ(along_x(5.5f, 5.5f), t << 24 | b << 16 | b << 8);
-    EXPECT_EQ(along_x<RAY_GPU>(5.5f, 5.5f), t << 24 | b << 16 | b << 8);
-}
-
-TEST_F(Overlay_Fixture, ClippedPlaneVoxelOnBorderIsHalfWhite)
-{
-    /* y = 19 is the high y plane and the border: drawn even where x clips. */
-    planes(0x80u | 0x10u | 0x200u, 10, 0, 0, 19, 0, 0);
-    Recorder rec;
-    rec.stop_at = 2; /* the first sample only */
-    EXPECT_EQ(along_x(19.5f, 5.5f, &rec), 0x7F7F7F7Fu);
-}
-
-TEST_F(Overlay_Fixture, PlaneMeetingFaceIsOpaque)
-{
-    planes(0x90u, 10, 0, 0, 0, 0, 0);
-    EXPECT_EQ(along_x(0.5f, 5.5f), 0x00FFFF00u);  /* flags 0x212 */
-    EXPECT_EQ(along_x(5.5f, 19.5f), 0x00FFFF00u); /* flags 0x412 */
-}
-
-TEST_F(Overlay_Fixture, EdgeOfTwoPlanesIsOpaqueAndWalkGoesOn)
-{
-    planes(0x80u | 0x10u | 0x20u, 10, 0, 10, 0, 0, 0);
-    /* From voxel (9, 10): the first voxel entered is the edge (flags exactly 0x030). */
-    Rays r = g.ray<RAY_CPU>(9.5f, 10.5f, 5.5f, 1, 0, 0);
-    Recorder rec;
-    EXPECT_EQ(walk<RAY_CPU>(g, r, &rec), 0x00FFFF00u);
-    EXPECT_EQ(rec.calls, 10); /* no stop test after overlay samples: on to the end */
-
-    /* The next ordinary sample (voxel (11, 11) here) stops it. */
-    Rays s = g.ray<RAY_CPU>(9.5f, 10.1f, 5.5f, 0.8f, 0.6f, 0.0f);
-    Recorder rec2;
-    EXPECT_EQ(walk<RAY_CPU>(g, s, &rec2), 0x00FFFF00u);
-    ASSERT_EQ(rec2.calls, 3);
-    EXPECT_EQ(rec2.vox[1], (std::array<int, 3>{10, 11, 5})); /* the x plane: overlay again */
-    EXPECT_EQ(rec2.vox[2], (std::array<int, 3>{11, 11, 5}));
-}
-
-TEST_F(Overlay_Fixture, EdgeOnTheBorderIsHalfWhite)
-{
-    /* The edge of two planes at z = 0: flags 0x432, not exactly 0x030. */
-    planes(0x80u | 0x10u | 0x20u, 10, 0, 10, 0, 0, 0);
-    Rays r = g.ray<RAY_CPU>(9.5f, 10.5f, 0.5f, 1, 0, 0);
-    Recorder rec;
-    rec.stop_at = 2;
-    EXPECT_EQ(walk<RAY_CPU>(g, r, &rec), 0x7F7F7F7Fu);
-}
-
-TEST_F(Overlay_Fixture, ClippedSamplesAddNothing)
-{
-    /* High x plane at 4: voxels 5.. are clipped, 4 is the plane. */
-    planes(0x180u, 0, 4, 0, 0, 0, 0);
-    g.fill(1.0f, 1.0f, 1);
-    g.map_col[1] = 1;
-    g.sc.col_mode = 3;
-    Recorder rec;
-    unsigned int px = along_x(5.5f, 5.5f, &rec);
-    EXPECT_EQ(rec.calls, 19);
-    /* Samples 1..3 (voxels 1..3 entered), the plane at 4; nothing after. */
-    float T = 1.0f;
-    T *= 1.0f - 9687.0f * RAY_WEIGHT_PER_UNIT;
-    for (int k = 0; k < 2; k++) T *= 1.0f - 10000.0f * RAY_WEIGHT_PER_UNIT;
-    T *= 1.0f - RAY_PLANE_ALPHA;
-    EXPECT_EQ(px >> 24, static_cast<unsigned int>(T * 255.0f));
-}
-
-/* --------------------------------------------------------------- Ray_Pixel */
-
-namespace {
-float draw_zero() { return 0.0f; }
-/* Draws 0.25, -0.75, 0.25, ... */
+/* Draws 0.25, -0.75, 0.25, ...: r1 (columns) 0.25, r2 (rows) -0.75. */
 int g_draws = 0;
 float draw_alternate() { return (g_draws++ & 1) ? -0.75f : 0.25f; }
 
@@ -953,107 +400,78 @@ struct Pixel_Fixture : ::testing::Test {
     const int slot = 3;
     void SetUp() override
     {
-        Corekit_Set_Random(&draw_zero);
-        Scene_Sphere(p, 24, 20, 16);
-        Scene_Install(slot, p);
-        Scene_Bind(slot, 64, 48, Matrix_4x4());
-        Scene_Params();
-        Ray_Thread_Run = 1;
+        Corekit_Set_Random([] { return 0.0f; }), Scene_Sphere(p, 24, 20, 16), Scene_Install(slot, p);
+        Scene_Bind(slot, 64, 48, Matrix_4x4()), Scene_Params(), Ray_Thread_Run = 1;
     }
-    void TearDown() override
+    void TearDown() override { Scene_Uninstall(slot), Corekit_Set_Random(nullptr); }
+    /* The whole ray of pixel (i, j) with draws r1, r2 through the plain core, asking run at every step. */
+    template <class Run>
+    unsigned int cast(int i, int j, float r1, float r2, Run& run)
     {
-        Scene_Uninstall(slot);
-        Corekit_Set_Random(nullptr);
+        std::array<float, 16> m = Ray_Volume.transfo[slot].to_float();
+        float eye[3], d[3], inv;
+        Ray_Pixel_Ray(m.data(), i, j, 64, 48, r1, r2, eye, d, &inv);
+        const float dir[3] = {d[0] * inv, d[1] * inv, d[2] * inv};
+        Ray_Scene sc;
+        Ray_Scene_Slot(&sc, slot, Ray_Params.threshold, Ray_Volume.clip[slot]);
+        return Ray_Cast<RAY_CPU>(eye, dir, sc, run);
     }
 };
 } // namespace
 
-TEST_F(Pixel_Fixture, CentreHitsCornersMiss)
+TEST_F(Pixel_Fixture, WholeRayWithTheDrawsAsTaken)
 {
     unsigned int centre = Ray_Pixel(slot, 32, 24, 64, 48);
-    EXPECT_NE(centre, 0u);
     EXPECT_LT(centre >> 24, 255u); /* the sphere gathered colour */
-    EXPECT_EQ(Ray_Pixel(slot, 0, 0, 64, 48), 0u);
-    EXPECT_EQ(Ray_Pixel(slot, 63, 47, 64, 48), 0u);
-}
-
-TEST_F(Pixel_Fixture, MatchesTheCoreStepByStep)
-{
-    Corekit_Set_Random(&draw_alternate); /* r1 = 0.25 along the row, r2 = -0.75 */
-    std::array<float, 16> m = Ray_Volume.transfo[slot].to_float();
+    EXPECT_EQ(Ray_Pixel(slot, 0, 0, 64, 48) | Ray_Pixel(slot, 63, 47, 64, 48), 0u);
+    Corekit_Set_Random(&draw_alternate);
+    Ray_Run_Always always;
     for (int j = 0; j < 48; j += 5)
-        for (int i = 0; i < 64; i += 3) {
-            float eye[3], d[3], inv;
-            Ray_Pixel_Ray(m.data(), i, j, 64, 48, 0.25f, -0.75f, eye, d, &inv);
-            float dir[3] = {d[0] * inv, d[1] * inv, d[2] * inv};
-            const float high[3] = {24, 20, 16};
-            float pos[3] = {eye[0], eye[1], eye[2]};
-            float entry = Ray_DDDA_Origin<RAY_CPU>(pos, dir, k_low, high);
-            unsigned int want = 0;
-            if (entry < RAY_MISS) {
-                Rays r = {};
-                Ray_DDDA_Param<RAY_CPU>(&r, pos, dir, k_low, high);
-                r.entry = entry;
-                for (int a = 0; a < 3; a++) {
-                    r.org[a] = eye[a];
-                    r.dir[a] = dir[a];
-                }
-                want = Ray_DDDA_Walk(&r, slot, Ray_Params.threshold, Ray_Volume.clip[slot]);
-            }
-            ASSERT_EQ(Ray_Pixel(slot, i, j, 64, 48), want) << i << "," << j;
-        }
-}
-
-TEST_F(Pixel_Fixture, ClearedRunFlagGivesEmptyPixels)
-{
-    Ray_Thread_Run = 0;
-    int entered = 0;
-    for (int j = 0; j < 48; j += 4)
-        for (int i = 0; i < 64; i += 4) {
-            unsigned int px = Ray_Pixel(slot, i, j, 64, 48);
-            ASSERT_TRUE(px == 0u || px == 0xFF000000u) << std::hex << px;
-            entered += px != 0;
-        }
-    EXPECT_GT(entered, 0);
-}
-
-TEST_F(Pixel_Fixture, RunFlagReadUnderTheLock)
-{
-    Trace_Capture trace;
-    Ray_Pixel(slot, 32, 24, 64, 48);
-    size_t in = trace.count("\"DDDA_Volume\"");
-    EXPECT_GT(in, 0u);
-    EXPECT_EQ(in % 2, 0u); /* every enter has its leave */
-    EXPECT_EQ(Plat_Rlock_Count(&Ray_Critical), 0u);
-}
-
-TEST_F(Pixel_Fixture, MissingGradientBlockGivesZero)
-{
-    Ray_Volume.grad[slot] = nullptr;
-    EXPECT_EQ(Ray_Pixel(slot, 32, 24, 64, 48), 0u);
-    float* partial[4] = {p.grad[0], p.grad[1], nullptr, p.grad[3]};
-    Ray_Volume.grad[slot] = partial;
-    EXPECT_EQ(Ray_Pixel(slot, 32, 24, 64, 48), 0u);
-    Ray_Volume.grad[slot] = p.grad;
-    Ray_Volume.gli[slot] = nullptr;
-    EXPECT_EQ(Ray_Pixel(slot, 32, 24, 64, 48), 0u);
-}
-
-TEST_F(Pixel_Fixture, BadSlotRefused)
-{
-    Trace_Capture trace;
-    EXPECT_EQ(Ray_Pixel(32, 32, 24, 64, 48), 0u);
-    EXPECT_EQ(Ray_Pixel(-1, 32, 24, 64, 48), 0u);
-    ASSERT_EQ(trace.lines().size(), 2u);
-    EXPECT_EQ(trace.lines()[0].flags, 2u);
-}
-
-TEST_F(Pixel_Fixture, EyeInsideTheVolume)
-{
-    /* Scale the view down so the eye (view z = -2) lands inside the volume. */
+        for (int i = 0; i < 64; i += 3)
+            ASSERT_EQ(Ray_Pixel(slot, i, j, 64, 48), cast(i, j, 0.25f, -0.75f, always)) << i << "," << j;
+    /* Scaled down, the eye (view z = -2) lies inside the volume: entry 0, the walk starts there. */
     Matrix_4x4 view;
     view.scale(0.1f, 0.1f, 0.1f);
     Scene_Bind(slot, 64, 48, view);
-    unsigned int px = Ray_Pixel(slot, 32, 24, 64, 48);
-    EXPECT_NE(px, 0u); /* entry 0: the walk starts at the eye */
+    EXPECT_NE(Ray_Pixel(slot, 32, 24, 64, 48), 0u);
+}
+
+TEST_F(Pixel_Fixture, RunFlagUnderTheLockStepForStepWhileTracedBadSlotRefused)
+{
+    struct Count { int steps = 0; bool operator()() { return ++steps > 0; } } count;
+    cast(32, 24, 0.0f, 0.0f, count);
+    Trace_Capture trace;
+    Ray_Pixel(slot, 32, 24, 64, 48);
+    EXPECT_GT(count.steps, 0);
+    EXPECT_EQ(trace.count("\"DDDA_Volume\""), 2u * static_cast<size_t>(count.steps)); /* in and out */
+    EXPECT_EQ(Plat_Rlock_Count(&Ray_Critical), 0u);
+    trace.clear();
+    EXPECT_EQ(Ray_Pixel(32, 32, 24, 64, 48) | Ray_Pixel(-1, 32, 24, 64, 48), 0u);
+    ASSERT_EQ(trace.lines().size(), 2u); /* one error line each */
+    EXPECT_EQ(trace.lines()[0].flags, 2u);
+}
+
+TEST_F(Pixel_Fixture, MissingVolumeArraysGiveZero)
+{
+    /* A registered CPU slot renders from its layout alone: no separate gradient block needed. */
+    Ray_Volume.grad[slot] = nullptr;
+    unsigned int with_layout = Ray_Pixel(slot, 32, 24, 64, 48);
+    EXPECT_LT(with_layout >> 24, 255u);
+    /* Without a layout the pixel reads the arrays: any one missing gives 0 at the first sample. */
+    Scene_Install(slot, p, false);
+    EXPECT_EQ(Ray_Pixel(slot, 32, 24, 64, 48), with_layout);
+    float* partial[4] = {p.grad[0], p.grad[1], nullptr, p.grad[3]};
+    for (float** grad : {static_cast<float**>(nullptr), partial}) {
+        Ray_Volume.grad[slot] = grad;
+        EXPECT_EQ(Ray_Pixel(slot, 32, 24, 64, 48), 0u);
+    }
+    Ray_Volume.grad[slot] = p.grad;
+    Ray_Volume.gli[slot] = nullptr;
+    EXPECT_EQ(Ray_Pixel(slot, 32, 24, 64, 48), 0u);
+    /* A cleared run flag stops every ray before its first sample: 0xFF000000, a miss still 0. */
+    Ray_Thread_Run = 0;
+    EXPECT_EQ(Ray_Pixel(slot, 32, 24, 64, 48), 0xFF000000u);
+    Scene_Install(slot, p);
+    EXPECT_EQ((std::array<unsigned int, 2>{Ray_Pixel(slot, 32, 24, 64, 48), Ray_Pixel(slot, 0, 0, 64, 48)}),
+              (std::array<unsigned int, 2>{0xFF000000u, 0u}));
 }
