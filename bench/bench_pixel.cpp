@@ -129,12 +129,7 @@ void BM_Plain_Locked_Frame(benchmark::State& state)
 {
     Frame_Setup& f = frame();
     /* The run flag under the library lock at every step, as the walk took it before. */
-    auto run = [] {
-        Critical_Ray_In("DDDA_Volume");
-        bool on = Ray_Thread_Run.load() != 0;
-        Critical_Ray_Out("DDDA_Volume");
-        return on;
-    };
+    Ray_Run_Locked run;
     uint64_t sum = 0;
     for (auto _ : state) sum += plain_frame(run, true);
     benchmark::DoNotOptimize(sum);

@@ -18,16 +18,13 @@
 
 /* ------------------------------------------------------------ stop request */
 
-/* The run flag under the library lock, with its two trace lines. */
-struct Ray_Run_Locked {
-    bool operator()() const
-    {
-        Critical_Ray_In("DDDA_Volume");
-        int run = Ray_Thread_Run.load(std::memory_order_relaxed);
-        Critical_Ray_Out("DDDA_Volume");
-        return run != 0;
-    }
-};
+bool Ray_Run_Locked::operator()() const
+{
+    Critical_Ray_In("DDDA_Volume");
+    int run = Ray_Thread_Run.load(std::memory_order_relaxed);
+    Critical_Ray_Out("DDDA_Volume");
+    return run != 0;
+}
 
 /* The run flag alone: the lock would add nothing but lines nobody reads. */
 struct Ray_Run_Atomic {

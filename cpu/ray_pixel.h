@@ -19,6 +19,11 @@ struct Ray_View {
     int w, h;
 };
 
+/* The stop request under the library lock, with its two trace lines: what a step reads while a sink listens. */
+struct Ray_Run_Locked {
+    bool operator()() const;
+};
+
 /* The CPU walk of slot's volume, with the stop request of the pipeline. */
 unsigned int Ray_DDDA_Walk(Rays* ray, int slot, float threshold, float clip);
 

@@ -127,15 +127,7 @@ float fixed_draw() { return g_draw; }
 /* The plain walk of pixel (i, j) in the slot's view, the run flag under the lock. */
 unsigned int plain_pixel(int slot, int i, int j, int W, int H)
 {
-    struct Locked {
-        bool operator()() const
-        {
-            Critical_Ray_In("DDDA_Volume");
-            int run = Ray_Thread_Run.load();
-            Critical_Ray_Out("DDDA_Volume");
-            return run != 0;
-        }
-    } run;
+    Ray_Run_Locked run;
     Ray_View v;
     Ray_View_Of(slot, W, H, &v);
     float eye[3], d[3], inv;
