@@ -33,10 +33,13 @@
 
 #include "ray_hd.h"
 
-/* The CPU form's conversions are the x86 instructions where the host compiler has them. */
-#if defined(__SSE2__) && !defined(__CUDACC__)
+/*
+ * The CPU form's conversions are the x86 instructions themselves where the
+ * host compiler targets x86-64 (written as instructions: a compiler may
+ * fold the intrinsics' out-of-range results differently).
+ */
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__CUDACC__)
 #define RAY_X86_CONVERT 1
-#include <emmintrin.h>
 #else
 #define RAY_X86_CONVERT 0
 #endif
@@ -168,7 +171,9 @@ VX_HD inline int Ray_F2I(float x)
 #endif
     } else {
 #if RAY_X86_CONVERT
-        return _mm_cvtt_ss2si(_mm_set_ss(x));   /* the x86 conversion itself */
+        int r;   /* the x86 conversion itself, never folded by the compiler */
+        __asm__("cvttss2si %1, %0" : "=r"(r) : "x"(x));
+        return r;
 #else
         return (x >= -2147483648.0f && x < 2147483648.0f) ? static_cast<int>(x) : INT_MIN;
 #endif
@@ -190,7 +195,9 @@ VX_HD inline int Ray_D2I(double x)
 #endif
     } else {
 #if RAY_X86_CONVERT
-        return _mm_cvttsd_si32(_mm_set_sd(x));
+        int r;
+        __asm__("cvttsd2si %1, %0" : "=r"(r) : "x"(x));
+        return r;
 #else
         return (x > -2147483649.0 && x < 2147483648.0) ? static_cast<int>(x) : INT_MIN;
 #endif
