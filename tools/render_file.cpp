@@ -7,19 +7,74 @@
  * a rename within one directory replaces the target whole.  The names of
  * the temporary files in flight sit in fixed slots that the signal
  * handler can read without allocating, so an interrupt removes them too.
+ * The few system calls that differ on Windows sit together below.
  */
 #include "render_file.h"
 
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
+#if defined(VOXELUNE_RENDER_NIFTI) || defined(VOXELUNE_RENDER_NRRD)
 #include <zlib.h>
+#endif
 
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <vector>
+
+/* ---- the system calls that differ between POSIX and Windows ---- */
+
+#if defined(_WIN32)
+#include <direct.h>
+#include <io.h>
+#include <process.h>
+#include <windows.h>
+
+/* A directory has no search right on Windows: writing is what counts. */
+static const int DIR_ACCESS = W_OK;
+static const int CAUGHT_SIGNALS[] = {SIGINT, SIGTERM};
+
+static int os_create_new(const char* path)
+{
+    return _open(path, _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY | _O_NOINHERIT,
+                 _S_IREAD | _S_IWRITE);
+}
+/* Windows files have no mode bits beyond read-only, which a target we may replace has not. */
+static void os_copy_mode(int, const struct stat&) {}
+static int os_sync(int fd) { return _commit(fd); }
+static int os_unlink(const char* path) { return _unlink(path); }
+static long os_pid() { return (long)_getpid(); }
+
+/* rename() never replaces an existing file on Windows. */
+static int os_replace(const char* from, const char* to)
+{
+    if (MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
+        return 0;
+    DWORD err = GetLastError();
+    errno = err == ERROR_ACCESS_DENIED || err == ERROR_SHARING_VIOLATION ? EACCES : EIO;
+    return -1;
+}
+
+int Render_Make_Dir(const std::string& path) { return _mkdir(path.c_str()); }
+#else
+#include <unistd.h>
+
+static const int DIR_ACCESS = W_OK | X_OK;
+static const int CAUGHT_SIGNALS[] = {SIGINT, SIGTERM, SIGHUP, SIGPIPE};
+
+static int os_create_new(const char* path)
+{
+    return open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+}
+static void os_copy_mode(int fd, const struct stat& st) { (void)fchmod(fd, st.st_mode & 07777); }
+static int os_sync(int fd) { return fsync(fd); }
+static int os_unlink(const char* path) { return unlink(path); }
+static long os_pid() { return (long)getpid(); }
+static int os_replace(const char* from, const char* to) { return rename(from, to); }
+
+int Render_Make_Dir(const std::string& path) { return mkdir(path.c_str(), 0777); }
+#endif
 
 /* ---- targets ---- */
 
@@ -46,7 +101,7 @@ static int check_dir(const std::string& dir, const std::string& what, std::strin
         *error = what + ": '" + dir + "' is not a directory";
         return 0;
     }
-    if (access(dir.c_str(), W_OK | X_OK) != 0) {
+    if (access(dir.c_str(), DIR_ACCESS) != 0) {
         *error = what + ": directory '" + dir + "' is not writable";
         return 0;
     }
@@ -123,7 +178,7 @@ static void on_signal(int sig)
     int saved = errno;
     for (int i = 0; i < SLOTS; i++)
         if (slot_state[i].load() == SLOT_LIVE)
-            unlink(slot_path[i]);
+            os_unlink(slot_path[i]);
     /* End by the signal itself once this handler returns. */
     signal(sig, SIG_DFL);
     raise(sig);
@@ -132,14 +187,20 @@ static void on_signal(int sig)
 
 void Render_Catch_Signals()
 {
+#if defined(_WIN32)
+    /* The C runtime's signals: no others reach a console program. */
+    for (int sig : CAUGHT_SIGNALS)
+        signal(sig, on_signal);
+#else
     struct sigaction sa;
     std::memset(&sa, 0, sizeof sa);
     sa.sa_handler = on_signal;
     sigemptyset(&sa.sa_mask);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGPIPE})
+    for (int sig : CAUGHT_SIGNALS)
         sigaddset(&sa.sa_mask, sig);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGPIPE})
+    for (int sig : CAUGHT_SIGNALS)
         sigaction(sig, &sa, nullptr);
+#endif
 }
 
 /* ".<name>.tmp-<pid>-<n>" beside path; the name part is shortened to stay within NAME_MAX. */
@@ -148,7 +209,7 @@ static std::string temp_name(const std::string& path)
     size_t slash = path.find_last_of('/');
     std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
     std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-    return dir + "." + base.substr(0, 200) + ".tmp-" + std::to_string((long)getpid()) + "-" +
+    return dir + "." + base.substr(0, 200) + ".tmp-" + std::to_string(os_pid()) + "-" +
            std::to_string(temp_counter.fetch_add(1));
 }
 
@@ -162,7 +223,7 @@ int Render_Write_File(const std::string& path, const std::function<std::string(F
         *error = path + ": no room to track a temporary file";
         return 0;
     }
-    int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    int fd = os_create_new(temp.c_str());
     if (fd < 0) {
         *error = path + ": cannot create a temporary file beside it: " + std::strerror(errno);
         slot_release(slot);
@@ -171,7 +232,7 @@ int Render_Write_File(const std::string& path, const std::function<std::string(F
     /* A replaced file keeps its permissions. */
     struct stat st;
     if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode))
-        (void)fchmod(fd, st.st_mode & 07777);
+        os_copy_mode(fd, st);
     FILE* f = fdopen(fd, "wb");
     std::string why;
     if (!f) {
@@ -179,23 +240,24 @@ int Render_Write_File(const std::string& path, const std::function<std::string(F
         close(fd);
     } else {
         why = write(f);
-        if (why.empty() && (std::fflush(f) != 0 || fsync(fileno(f)) != 0))
+        if (why.empty() && (std::fflush(f) != 0 || os_sync(fileno(f)) != 0))
             why = std::strerror(errno);
         if (std::fclose(f) != 0 && why.empty())
             why = std::strerror(errno);
     }
-    if (why.empty() && rename(temp.c_str(), path.c_str()) != 0)
+    if (why.empty() && os_replace(temp.c_str(), path.c_str()) != 0)
         why = std::strerror(errno);
     if (!why.empty()) {
-        unlink(temp.c_str());
+        os_unlink(temp.c_str());
         *error = path + ": " + why;
     }
     slot_release(slot);
     return why.empty() ? 1 : 0;
 }
 
-/* ---- gzip ---- */
+/* ---- gzip (for the readers of compressed formats) ---- */
 
+#if defined(VOXELUNE_RENDER_NIFTI) || defined(VOXELUNE_RENDER_NRRD)
 long long Render_Gzip_Length(FILE* f, long long limit, std::string* why)
 {
     z_stream zs;
@@ -249,3 +311,4 @@ long long Render_Gzip_Length(FILE* f, long long limit, std::string* why)
     }
     return total;
 }
+#endif

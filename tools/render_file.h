@@ -18,6 +18,9 @@
  */
 int Render_Check_Target(const std::string& path, std::string* error);
 
+/* mkdir(path) with the default rights; 0 on success, else -1 with errno. */
+int Render_Make_Dir(const std::string& path);
+
 /*
  * Writes path through a temporary file beside it: write() fills the open
  * file (it returns an empty string, or what went wrong), the file is
@@ -28,12 +31,14 @@ int Render_Write_File(const std::string& path, const std::function<std::string(F
                       std::string* error);
 
 /*
- * Makes SIGINT, SIGTERM, SIGHUP and SIGPIPE remove the temporary files
- * in flight before the process ends by the signal.
+ * Makes SIGINT, SIGTERM, SIGHUP and SIGPIPE (on Windows SIGINT and
+ * SIGTERM) remove the temporary files in flight before the process ends
+ * by the signal.
  */
 void Render_Catch_Signals();
 
 /*
+ * Built with the readers of compressed formats (NIfTI, NRRD) only.
  * Length of the data in the gzip stream that starts at the current
  * position of f and runs to its end, read without keeping it; once more
  * than limit bytes came out it stops and returns that count.  -1 with

@@ -17,15 +17,6 @@
 
 #include <sys/stat.h>
 #include <unistd.h>
-#if defined(_WIN32)
-#include <direct.h>
-/* Windows has no permission bits on directories, nor a search right. */
-static int make_dir(const char* path) { return _mkdir(path); }
-static const int k_dir_access = W_OK;
-#else
-static int make_dir(const char* path) { return mkdir(path, 0777); }
-static const int k_dir_access = W_OK | X_OK;
-#endif
 
 #include <algorithm>
 #include <chrono>
@@ -420,7 +411,7 @@ int Render_Run(const Render_Options& opt, Render_Volume* vol, bool is_phantom,
 {
     bool made_dir = false;
     if (!opt.progressive_dir.empty()) {
-        made_dir = make_dir(opt.progressive_dir.c_str()) == 0;
+        made_dir = Render_Make_Dir(opt.progressive_dir) == 0;
         if (!made_dir && errno != EEXIST) {
             *error = opt.progressive_dir + ": cannot create the directory: " + std::strerror(errno);
             return 0;

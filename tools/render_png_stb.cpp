@@ -4,6 +4,7 @@
  * The pictures are the same as libpng's; the compressed bytes may differ.
  */
 #include "render_png.h"
+#include "render_file.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -17,16 +18,23 @@
 #define STBI_ONLY_PNG
 #include <stb_image.h>
 
+static void write_to_file(void* file, void* data, int size)
+{
+    /* A short write leaves the stream's error flag set for the check below. */
+    std::fwrite(data, 1, (size_t)size, (FILE*)file);
+}
+
 int Render_Write_Png(const std::string& path, int width, int height,
                      const unsigned char* rgb, std::string* error)
 {
-    errno = 0;
-    if (stbi_write_png(path.c_str(), width, height, 3, rgb, width * 3))
-        return 1;
-    int err = errno;
-    std::remove(path.c_str());
-    *error = path + ": " + (err ? std::strerror(err) : "cannot write the PNG file");
-    return 0;
+    return Render_Write_File(path, [&](FILE* f) -> std::string {
+        errno = 0;
+        if (!stbi_write_png_to_func(write_to_file, f, width, height, 3, rgb, width * 3))
+            return "cannot encode the PNG image";
+        if (std::ferror(f))
+            return errno ? std::strerror(errno) : "write error";
+        return "";
+    }, error);
 }
 
 int Render_Read_Png(const std::string& path, int* width, int* height,

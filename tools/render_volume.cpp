@@ -212,6 +212,7 @@ int Render_Read_Raw(const std::string& path, const Raw_Layout& layout, Voxel_Dat
     return 1;
 }
 
+#if defined(VOXELUNE_RENDER_NIFTI) || defined(VOXELUNE_RENDER_NRRD)
 /*
  * Bytes a file offers from byte `from` on: what is left of its size, or
  * for gzip data the length of its complete stream (counted up to just
@@ -241,6 +242,7 @@ static std::string short_data(const std::string& path, const char* format, long 
     return path + ": the " + format + " data is shorter than its header says (" +
            std::to_string(need) + " bytes needed, " + std::to_string(have) + " found)";
 }
+#endif
 
 /* ---- NIfTI ---- */
 
