@@ -39,16 +39,17 @@ TEST(Volume, RegisterQueryAndClear)
     EXPECT_EQ(query(3, 6, 5, 4) * 10 + query(3, 6, 5, 5), 10);
     EXPECT_EQ(query(4, 6, 5, 4), 0);
     EXPECT_EQ(Ray_Volume.use_cuda[3], 0u);
-    ASSERT_NE(Ray_Volume.grad[3], nullptr);
-    for (int k = 0; k < 4; k++) EXPECT_NE(Ray_Volume.grad[3][k], nullptr);
+    /* a CPU slot keeps its gradients in its render layout only */
+    ASSERT_NE(Ray_Volume.render[3], nullptr);
+    EXPECT_EQ(Ray_Volume.grad[3], nullptr);
     EXPECT_EQ(Ray_Volume.gli[3], v.gli.data()); /* kept by pointer, not copied */
-    v.reg(3);                                    /* the old gradient block goes (no leak under ASan) */
+    v.reg(3);                                    /* the old layout goes (no leak under ASan) */
     EXPECT_EQ(Ray_Set_Volume(3, 0, 0, 0, nullptr, nullptr), 1);
     const std::string out = "<<< out Voxelune: Ray_Set_Volume(";
     for (auto line : {out + "done)", out + "querry->1)", out + "querry->0)", out + "!x)"})
         EXPECT_TRUE(cap.has(line)) << line;
     EXPECT_TRUE(cap.has(">>> in  Voxelune: Ray_Set_Volume(id=35)"));
-    EXPECT_EQ(Ray_Volume.grad[3], nullptr);
+    EXPECT_EQ(Ray_Volume.render[3], nullptr);
     EXPECT_EQ(query(3, 6, 5, 4), 0);
 }
 
@@ -57,7 +58,7 @@ TEST(Volume, RefusedRegistrationsChangeNothing)
     Corekit_Set_Cuda_Permission(0);
     Volume v(4, 3, 2);
     v.reg(9);
-    float** grad = Ray_Volume.grad[9];
+    Ray_Render_Layout* layout = Ray_Volume.render[9];
     Trace_Capture cap;
     float g = 0;
     const int dims[][3] = {{-4, 3, 2}, {4, -3, 2}, {4096, 4096, 256}, {65536, 32768, 1}}; /* 2^32, 2^31 */
@@ -68,7 +69,7 @@ TEST(Volume, RefusedRegistrationsChangeNothing)
     size_t errors = 0;
     for (auto& l : cap.lines()) errors += l.flags == 2u;
     EXPECT_EQ(errors, 5u);
-    EXPECT_EQ(Ray_Volume.grad[9], grad);
+    EXPECT_EQ(Ray_Volume.render[9], layout);
     EXPECT_EQ(query(9, 4, 3, 2), 1);
 }
 
