@@ -293,10 +293,3 @@ unsigned int Ray_DDDA_Walk(Rays* ray, int slot, float threshold, float clip)
     Ray_Scene_Slot(&sc, slot, threshold, clip);
     return with_policies(slot, sc, [&](auto& run, auto& smp) { return Ray_DDDA_Walk<RAY_CPU>(ray, sc, run, smp); });
 }
-
-Color Ray_DDDA_Shade(Rays* ray, unsigned int c, float* n, unsigned char flags)
-{
-    Ray_Scene sc = {};
-    Ray_Scene_Params(&sc, Ray_Params.threshold);
-    return Ray_DDDA_Shade(ray, Ray_Color_Of(c), n, flags, sc);
-}

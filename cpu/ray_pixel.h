@@ -27,9 +27,6 @@ struct Ray_Run_Locked {
 /* The CPU walk of slot's volume, with the stop request of the pipeline. */
 unsigned int Ray_DDDA_Walk(Rays* ray, int slot, float threshold, float clip);
 
-/* The CPU shading call: base colour as a colour word, Ray_Params' lights. */
-Color Ray_DDDA_Shade(Rays* ray, unsigned int c, float* n, unsigned char flags);
-
 /* The binding of slot as its tables hold it now, for a w x h box. */
 void Ray_View_Of(int slot, int w, int h, Ray_View* view);
 

@@ -17,7 +17,7 @@
 #include <system_error>
 #include <thread>
 
-#include "../core/ray_preproc.h"
+#include "core/ray_preproc.h"
 
 /* ------------------------------------------------------ reference form */
 

@@ -12,8 +12,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "../core/ray_device_pixel.h"
-#include "../core/ray_state.h"
+#include "core/ray_device_pixel.h"
+#include "core/ray_state.h"
 #include "ray_cuda.h"
 #include "ray_cuda_check.h"
 #include "ray_cuda_timing.h"

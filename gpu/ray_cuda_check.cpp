@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cwchar>
 
-#include "../core/ray_state.h"
+#include "core/ray_state.h"
 
 uint64_t (*Ray_Gpu_Free_Memory_Hook)() = nullptr;
 

@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "../core/ray_state.h"
-#include "../cpu/ray_preproc_cpu.h"
+#include "core/ray_state.h"
+#include "cpu/ray_preproc_cpu.h"
 #include "ray_cuda_check.h"
 #include "ray_gradient_int.h"
 

@@ -9,7 +9,7 @@
  */
 #include <cstdint>
 
-#include "../core/ray_state.h"
+#include "core/ray_state.h"
 #include "ray_cuda_check.h"
 #include "ray_gradient.h"
 #include "ray_gradient_int.h"

@@ -8,7 +8,7 @@
 
 #include <atomic>
 
-#include "../core/ray_preproc.h"
+#include "core/ray_preproc.h"
 
 /* Source name written into memory error lines and CUDA checks. */
 #define RAY_GRADIENT_SRC "ray_gradient"
