@@ -28,6 +28,7 @@ bool Ray_Run_Locked::operator()() const
 
 /* The run flag alone: the lock would add nothing but lines nobody reads. */
 struct Ray_Run_Atomic {
+    static constexpr bool coarse = true;   /* asked once for a run of steps that change nothing */
     bool operator()() const { return Ray_Thread_Run.load(std::memory_order_acquire) != 0; }
 };
 
@@ -135,7 +136,7 @@ struct Ray_Layout_Sampler {
         leap_ok = leap_ok && ray->entry < 524288.0f;
     }
 
-    bool leap(const int* v, const Ray_Zero_Rule& z)
+    bool leap(const int* v, const Ray_Zero_Rule& z, int* lo, int* hi)
     {
         if (!leap_ok) return false;
         size_t b = (static_cast<size_t>(v[2] >> RAY_BLOCK_SHIFT) * static_cast<size_t>(L.bdim[1]) +
@@ -146,6 +147,10 @@ struct Ray_Layout_Sampler {
             leap_block = b;
             leap_zero = Ray_Alpha_Is_Zero_Any_Tag(z, L.block[b].a_near, L.block[b].g_near);
         }
+        for (int a = 0; a < 3; a++) {
+            lo[a] = v[a] >> RAY_BLOCK_SHIFT << RAY_BLOCK_SHIFT;
+            hi[a] = lo[a] + (1 << RAY_BLOCK_SHIFT) - 1;
+        }
         return leap_zero;
     }
 
@@ -155,14 +160,14 @@ struct Ray_Layout_Sampler {
          * Weights lie in [0, 1] only for points at or above 0: every sign
          * bit clear (a NaN that passes converts out of range below).
          */
+        no_nan = false;
         unsigned int sign[3];
         memcpy(sign, pos, sizeof sign);
-        no_nan = false;
         if ((sign[0] | sign[1] | sign[2]) >> 31) return false;
         unsigned int n[3];
         for (int a = 0; a < 3; a++) {
             n[a] = static_cast<unsigned int>(Ray_F2I<RAY_CPU>(pos[a]));
-            if (n[a] >= static_cast<unsigned int>(L.dim[a])) return false;   /* no_nan stays false */
+            if (n[a] >= static_cast<unsigned int>(L.dim[a])) return false;
         }
         size_t b = (static_cast<size_t>(n[2] >> RAY_BLOCK_SHIFT) * static_cast<size_t>(L.bdim[1]) +
                     static_cast<size_t>(n[1] >> RAY_BLOCK_SHIFT)) *

@@ -88,13 +88,20 @@ void random_params(Rng& rng, float thr)
     Ray_Params.light_nb = static_cast<unsigned short>(rng.range(1, 5));
 }
 
-/* A view from any side, at any distance, sometimes from inside the volume. */
+/*
+ * A view from any side, at any distance, sometimes from inside the volume;
+ * one in four along axes and diagonals, where crossings tie.
+ */
 Matrix_4x4 random_view(Rng& rng)
 {
     Matrix_4x4 m;
-    m.rot_x(rng.unit() * 6.3f);
-    m.rot_y(rng.unit() * 6.3f);
-    m.rot_z(rng.unit() * 6.3f);
+    bool ties = rng.next() % 4 == 0;
+    for (int a = 0; a < 3; a++) {
+        float angle = ties ? 0.78539816f * static_cast<float>(rng.range(0, 7)) : rng.unit() * 6.3f;
+        if (a == 0) m.rot_x(angle);
+        if (a == 1) m.rot_y(angle);
+        if (a == 2) m.rot_z(angle);
+    }
     float s = 0.3f + rng.unit() * 1.5f;
     m.scale(s, s, s);
     if (rng.next() % 4 == 0) m.translate(0.0f, 0.0f, 1.5f + rng.unit());   /* the eye inside */
