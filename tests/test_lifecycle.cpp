@@ -58,15 +58,18 @@ void expect_frame(int s, Boxs& box)
     EXPECT_GT(values.size(), 50u);
 }
 
-/* The real ray, watched: casts, rays in flight, rays seen while the test says the slot is stopped. */
-std::atomic<int> casts{0}, flying{0}, late{0}, slow_us{0};
+/*
+ * The real ray, watched: casts, rays in flight, rays seen while the test
+ * says the slot is stopped; slowed by slow_us, the next long_rays by 150 ms.
+ */
+std::atomic<int> casts{0}, flying{0}, late{0}, slow_us{0}, long_rays{0};
 std::atomic<bool> stopped{false};
 
 unsigned watched_pixel(int s, const Ray_View& view, int i, int j)
 {
     casts++, flying++;
     late += stopped.load();
-    if (slow_us.load()) std::this_thread::sleep_for(std::chrono::microseconds(slow_us.load()));
+    std::this_thread::sleep_for(std::chrono::microseconds(long_rays-- > 0 ? 150000 : slow_us.load()));
     unsigned v = Ray_Pixel_View(s, view, i, j);
     late += stopped.load();
     flying--;
@@ -326,8 +329,10 @@ TEST(Lifecycle, StartBindsTheSlot)
 /*
  * Start, stop at once, register the slot again and free the old buffers,
  * round after round, every other round with a trace sink (the walk then
- * takes the lock at every step): once Ray_Stop returns, the start was
- * taken, no ray of the slot runs and its box is not redrawn.
+ * takes the lock at every step), some rounds with rays that outlast the
+ * stop's pause: once Ray_Stop returns, the start was taken, no ray of the
+ * slot runs and the frame, stopped long before its first level, is never
+ * drawn.
  */
 TEST(Requests, StopCoversEveryStartBeforeIt)
 {
@@ -335,24 +340,26 @@ TEST(Requests, StopCoversEveryStartBeforeIt)
     int rounds = env ? std::atoi(env) : 40;
     Ray_Init(2);
     Ray_Dispatch_Pixel = &watched_pixel;
+    slow_us = 200;
     auto p = register_phantom(5, 24);
     Watched_Box wb(96, 64);
     for (int k = 0; k < rounds; k++) {
         std::unique_ptr<Trace_Capture> trace(k % 2 ? new Trace_Capture(false) : nullptr);
         stopped = false;
+        long_rays = k % 8 < 2 ? 2 : 0;
         Ray_Start(&wb.box, 5);
         Ray_Stop(k % 4 < 2 ? 5 : 32);
         stopped = true;
-        int draws = wb.count();
+        ASSERT_EQ(flying.load(), 0) << "round " << k;
         EXPECT_TRUE(!trace || trace->count("Start ray id:5") == 1u) << "round " << k;
         auto old = std::move(p);
         p = register_phantom(5, 24);
         old.reset();
         ASSERT_EQ(late.load(), 0) << "round " << k;
-        ASSERT_EQ(wb.count(), draws) << "round " << k;
+        ASSERT_EQ(wb.count(), 0) << "round " << k;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(late.load(), 0);
+    EXPECT_EQ(late.load() + wb.count(), 0);
     Ray_Exit();
     Ray_Dispatch_Pixel = &Ray_Pixel_View;
 }
@@ -411,10 +418,10 @@ TEST(Requests, RestartsReturnAtOnce)
         Ray_Start(&wb.box, 4);
         double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
         worst = std::max(worst, ms), sum += ms;
+        ASSERT_LT(ms, 20.0) << "restart " << k;
     }
     slow_us = 0;
     std::printf("Ray_Start while rendering: %d restarts, mean %.4f ms, max %.4f ms\n", R, sum / R, worst);
-    EXPECT_LT(worst, 20.0);
     ASSERT_TRUE(eventually([] { return flying.load() == 0; }));
     Ray_Start(&wb.box, 4);
     ASSERT_TRUE(eventually([&] { return trace.count("Start ray id:4") == R + 2u && slot_done(4); }));
