@@ -4,7 +4,6 @@
  * its pixel.
  */
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -16,56 +15,33 @@
 
 namespace {
 
-/* The stand-in ray: its colour names slot and pixel; it can be slowed, or held at one cast. */
+/* The stand-in ray: its colour names slot and pixel; it can be slowed, or held at one cast until released. */
 std::atomic<int> cast_count{0}, hold_at{0}, delay_us{0};
-std::mutex hold_lock;
-std::condition_variable hold_cv;
-bool held = false, released = false;
+std::atomic<bool> held{false}, released{false};
 
 unsigned colour(int s, int x, int y) { return 0x80000000u | (s << 24) | (y << 12) | x; }
 
 unsigned fake_pixel(int s, const Ray_View&, int x, int y)
 {
     if (++cast_count == hold_at.load()) {
-        std::unique_lock<std::mutex> g(hold_lock);
         held = true;
-        hold_cv.notify_all();
-        hold_cv.wait(g, [] { return released; });
+        while (!released) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    if (delay_us.load()) std::this_thread::sleep_for(std::chrono::microseconds(delay_us.load()));
+    std::this_thread::sleep_for(std::chrono::microseconds(delay_us.load()));
     return colour(s, x, y);
 }
 
-void wait_held()
-{
-    std::unique_lock<std::mutex> g(hold_lock);
-    ASSERT_TRUE(hold_cv.wait_for(g, std::chrono::seconds(20), [] { return held; }));
-}
-
-void release()
-{
-    std::lock_guard<std::mutex> g(hold_lock);
-    released = true;
-    hold_cv.notify_all();
-}
-
-/*
- * Every pixel holds the colour of a block that covers it, of a block size
- * from 1 << lo to 1 << hi.  With several workers a finished frame promises
- * no more than 0..5: blocks of a worker held up land late.
- */
+/* Every pixel holds the colour of a block that covers it, of a side from 1 << lo to 1 << hi. */
 bool holds(const Boxs& box, int s, int lo, int hi)
 {
-    for (int y = 0; y < box.height; y++)
-        for (int x = 0; x < box.width; x++) {
-            bool ok = false;
-            for (int k = lo; k <= hi && !ok; k++)
-                ok = box.Graph_Normal[y * box.width + x] == colour(s, x & -(1 << k), y & -(1 << k));
-            if (!ok) {
-                ADD_FAILURE() << "pixel (" << x << ", " << y << ") holds " << std::hex << box.Graph_Normal[y * box.width + x];
-                return false;
-            }
+    for (int p = 0; p < box.width * box.height; p++) {
+        int x = p % box.width, y = p / box.width, k = lo;
+        while (k <= hi && box.Graph_Normal[p] != colour(s, x & -(1 << k), y & -(1 << k))) k++;
+        if (k > hi) {
+            ADD_FAILURE() << "pixel (" << x << ", " << y << ") holds " << std::hex << box.Graph_Normal[p];
+            return false;
         }
+    }
     return true;
 }
 
@@ -88,7 +64,7 @@ protected:
     }
     void TearDown() override
     {
-        release();
+        released = true;
         Ray_CPU_Exit();
         EXPECT_EQ(count_dir("/proc/self/fd"), fds0);
         EXPECT_TRUE(eventually([&] { return count_dir("/proc/self/task") == tasks0; }));
@@ -174,17 +150,9 @@ TEST(Rules, WorkerBytesSlotChoiceAndRecords)
         EXPECT_EQ(v, c.value);
     }
 
-    /* start records as they reach the control pipe; a draw record; a slot of three bytes */
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    Ray_Pipe_Ctrl[1] = fds[1];
-    Ray_CPU_Start(5);
-    Ray_CPU_Start(0);
-    Ray_Pipe_Ctrl[1] = -1;
+    /* records: start of slot 5 and of slot 0, level 2 of slot 5; a slot of three bytes */
     unsigned char r[12];
-    ASSERT_EQ(read(fds[0], r, 8), 8);
-    close(fds[0]), close(fds[1]);
-    Ray_Record_Encode(r + 8, 5, 2);
+    Ray_Record_Encode(r, 5, 1), Ray_Record_Encode(r + 4, 0, 1), Ray_Record_Encode(r + 8, 5, 2);
     EXPECT_EQ(B(r, r + 12), B({1, 5, 0, 0, 1, 0, 0, 0, 2, 5, 0, 0}));
     int s, c;
     Ray_Record_Encode(r, 0x123456, 0);
@@ -200,10 +168,10 @@ TEST_F(Pipeline, FrameRefinesLevelByLevel)
     Watched_Box& wb = box(5, 100, 100);
     hold_at = 2501;
     Ray_CPU_Start(5);
-    wait_held();
+    ASSERT_TRUE(eventually([] { return held.load(); }));
     ASSERT_TRUE(wb.wait_draws(1));
     EXPECT_TRUE(holds(wb.box, 5, 1, 1));
-    release();
+    released = true;
     ASSERT_TRUE(wb.wait_draws(2));
     EXPECT_TRUE(holds(wb.box, 5, 0, 0));
     EXPECT_EQ(cast_count.load(), 10000);
@@ -235,9 +203,9 @@ TEST_F(Pipeline, LateCoarseBlockKeepsFinerPixels)
     Watched_Box& wb = box(5, 100, 100);
     hold_at = 2400;
     Ray_CPU_Start(5);
-    wait_held();
+    ASSERT_TRUE(eventually([] { return held.load(); }));
     ASSERT_TRUE(eventually([] { return cast_count.load() == 10000; }));
-    release();
+    released = true;
     ASSERT_TRUE(wb.wait_draws(2));
     EXPECT_TRUE(holds(wb.box, 5, 0, 0));
 }
@@ -293,14 +261,14 @@ TEST_F(Pipeline, FullWorkerPipeNeverBlocksTheLock)
     Watched_Box& wb = box(6, 64, 64);
     hold_at = 1;
     Ray_CPU_Start(6);
-    wait_held();
+    ASSERT_TRUE(eventually([] { return held.load(); }));
     std::atomic<bool> lock_free{false};
     std::thread helper([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         Critical_Ray_In("helper");   /* would hang if a writer held it */
         Critical_Ray_Out("helper");
         lock_free = true;
-        release();
+        released = true;
     });
     for (int k = 0; k < 6000; k++) Ray_CPU_Start(6);
     helper.join();
