@@ -98,6 +98,21 @@ bool lines_name(const Trace_Capture& trace, const std::string& call)
     return named > 0;
 }
 
+/* The library started with two workers that cast the watched ray. */
+class Requests : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        Ray_Init(2);
+        Ray_Dispatch_Pixel = &watched_pixel;
+    }
+    void TearDown() override
+    {
+        Ray_Exit();
+        Ray_Dispatch_Pixel = &Ray_Pixel_View;
+    }
+};
+
 }  // namespace
 
 /*
@@ -319,12 +334,10 @@ TEST(Lifecycle, StartBindsTheSlot)
  * slot runs and the frame, stopped long before its first level, is never
  * drawn.
  */
-TEST(Requests, StopCoversEveryStartBeforeIt)
+TEST_F(Requests, StopCoversEveryStartBeforeIt)
 {
     const char* env = std::getenv("VOXELUNE_STOP_ROUNDS");
     int rounds = env ? std::atoi(env) : 40;
-    Ray_Init(2);
-    Ray_Dispatch_Pixel = &watched_pixel;
     slow_us = 200;
     auto p = register_phantom(5, 24);
     Watched_Box wb(96, 64);
@@ -345,15 +358,11 @@ TEST(Requests, StopCoversEveryStartBeforeIt)
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(late.load() + wb.count(), 0);
-    Ray_Exit();
-    Ray_Dispatch_Pixel = &Ray_Pixel_View;
 }
 
 /* A box without pixels is a frame of no task, on an idle slot and on a slot whose frame it stops. */
-TEST(Requests, ZeroSizeBox)
+TEST_F(Requests, ZeroSizeBox)
 {
-    Ray_Init(2);
-    Ray_Dispatch_Pixel = &watched_pixel;
     auto p = register_phantom(3, 24);
     Trace_Capture trace(false);
     Watched_Box idle(0, 20), big(320, 240), flat(20, 0);
@@ -376,8 +385,6 @@ TEST(Requests, ZeroSizeBox)
     Critical_Ray_In("test");
     for (int s : {3, 4}) EXPECT_TRUE(Ray_Thread_Next[s] == -1 && Ray_Thread_Level_Nb[s] == 1 && !Ray_Thread_I[s]) << s;
     Critical_Ray_Out("test");
-    Ray_Exit();
-    Ray_Dispatch_Pixel = &Ray_Pixel_View;
 }
 
 /*
@@ -385,10 +392,8 @@ TEST(Requests, ZeroSizeBox)
  * returns at once.  Once the old rays have landed, the last view's frame
  * equals Ray_Pixel word for word.
  */
-TEST(Requests, RestartsReturnAtOnce)
+TEST_F(Requests, RestartsReturnAtOnce)
 {
-    Ray_Init(2);
-    Ray_Dispatch_Pixel = &watched_pixel;
     auto p = register_phantom(4, 48);
     Trace_Capture trace(false);
     Watched_Box wb(160, 120);
@@ -411,6 +416,5 @@ TEST(Requests, RestartsReturnAtOnce)
     Ray_Start(&wb.box, 4);
     ASSERT_TRUE(eventually([&] { return trace.count("Start ray id:4") == R + 2u && slot_done(4); }));
     expect_frame(4, wb.box);
-    Ray_Exit();
-    Ray_Dispatch_Pixel = &Ray_Pixel_View;
+    Ray_Exit();   /* before the box goes */
 }
