@@ -8,9 +8,11 @@
 #include <corekit/corekit.h>
 #include <panelkit/panelkit.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 /*
@@ -62,5 +64,16 @@ int count_dir(const char* path);
 #define SKIP_WITHOUT_PROC()                          \
     if (count_dir("/proc/self/task") < 0)            \
     GTEST_SKIP() << "counts threads and descriptors in /proc, which only Linux has"
+
+/* Threads of the process, once a sanitizer's helper thread (started with the first thread) runs. */
+int count_tasks();
+
+/* Waits up to 20 s, in 5 ms steps, for a condition that another thread brings about. */
+template <class F>
+bool eventually(F f)
+{
+    for (int k = 0; k < 4000 && !f(); k++) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return f();
+}
 
 #endif
