@@ -690,71 +690,6 @@ struct Ray_Run_Always {
 };
 
 /*
- * Whether a stop policy may be asked once for a run of steps that change
- * nothing (a stop anywhere in the run gives the same word): a policy says
- * so with a static member `coarse` set to true.  One that traces or counts
- * every step does not.
- */
-template <class Run, class = void>
-struct Ray_Run_Coarse {
-    static constexpr bool value = false;
-};
-template <class Run>
-struct Ray_Run_Coarse<Run, decltype(void(Run::coarse))> {
-    static constexpr bool value = Run::coarse;
-};
-
-/*
- * Takes, in one go, every crossing of the ray whose step starts in a voxel
- * of the box [lo, hi] (inclusive, per axis), up to and including the one
- * that leaves it, as the walk would take them one by one (ties to x, then
- * y): t_max and vox advanced, *t_prev the last crossing's parameter.
- * For steps that change nothing.  Returns 1 when the walk would have
- * stopped on the way (a bound t_end reached, or the volume left), -1 when
- * the run cannot be taken in one go (parameters near the int32 range; the
- * caller steps one by one), 0 otherwise.
- */
-VX_HD inline int Ray_DDA_Leave_Box(Rays* ray, const int* lo, const int* hi, const int* dim, int* t_prev)
-{
-    const long long big = 1LL << 30;
-    long long exit_t = 0;
-    int exit_a = -1;
-    long long k[3] = {0, 0, 0};
-    for (int a = 0; a < 3; a++) {
-        if (ray->t_delta[a] <= 0) continue;   /* parallel: never crosses */
-        int v = ray->vox[a];
-        if (v < lo[a] || v > hi[a]) return -1;
-        k[a] = ray->step[a] > 0 ? hi[a] - v + 1 : v - lo[a] + 1;
-        long long p = static_cast<long long>(ray->t_max[a]) + (k[a] - 1) * ray->t_delta[a];
-        if (ray->t_max[a] < 0 || p >= big) return -1;
-        if (exit_a < 0 || p < exit_t) {
-            exit_t = p;
-            exit_a = a;
-        }
-    }
-    if (exit_a < 0) return -1;
-    long long n[3];
-    for (int a = 0; a < 3; a++) {
-        long long td = ray->t_delta[a], tm = ray->t_max[a];
-        if (a == exit_a)
-            n[a] = k[a];
-        else if (td <= 0)
-            n[a] = 0;
-        else if (a < exit_a)   /* crossings at or before the exit's parameter come first */
-            n[a] = tm > exit_t ? 0 : (exit_t - tm) / td + 1;
-        else
-            n[a] = tm >= exit_t ? 0 : (exit_t - 1 - tm) / td + 1;
-        if (n[a] > 0 && tm + (n[a] - 1) * td >= ray->t_end[a]) return 1;
-    }
-    for (int a = 0; a < 3; a++) {
-        ray->t_max[a] = static_cast<int>(ray->t_max[a] + n[a] * ray->t_delta[a]);
-        ray->vox[a] = static_cast<int>(ray->vox[a] + n[a] * ray->step[a]);
-    }
-    *t_prev = static_cast<int>(exit_t);
-    return Ray_Inside(ray->vox, dim) ? 0 : 1;
-}
-
-/*
  * Pixel word: channel bytes 0 to 2 from the accumulators, byte 3 from the
  * transparency, each truncated toward zero and capped at 255.
  */
@@ -867,8 +802,7 @@ VX_HD inline bool Ray_Cross(Rays* ray, int* t)
  * at(), bounds a_hi and g_hi of the sample's values (see
  * Ray_Alpha_Is_Zero), false when it has none; leap() may tell, from the
  * voxel in which the walk's sample lies (before its point is computed),
- * that its opacity is 0 whatever its tag, and gives the box of voxels for
- * which that holds alike; missing() is the CPU form's
+ * that its opacity is 0 whatever its tag; missing() is the CPU form's
  * check for absent buffers.
  */
 template <int F>
@@ -882,7 +816,7 @@ struct Ray_Plain_Sampler {
     }
     VX_HD bool bound(const float*, float*, float*) const { return false; }
     VX_HD void begin(const Rays*) {}
-    VX_HD bool leap(const int*, const Ray_Zero_Rule&, int*, int*) { return false; }
+    VX_HD bool leap(const int*, const Ray_Zero_Rule&) { return false; }
     VX_HD void at(const float* pos) { Ray_Interp_Setup<F>(&st, pos, sc.dim); }
     VX_HD float a() const { return Ray_Interp_Apply<F>(&st, sc.grad_a); }
     VX_HD float g() const { return Ray_Interp_Apply<F>(&st, sc.gli); }
@@ -946,14 +880,8 @@ VX_HD inline unsigned int Ray_DDDA_Walk(Rays* ray, const Ray_Scene& sc, Run& run
          * where the sampler can tell that from the voxel the sample lies
          * in alone, the step ends here.
          */
-        int box_lo[3], box_hi[3];
-        if (!clip_box && smp.leap(here, zero, box_lo, box_hi)) {
+        if (!clip_box && smp.leap(here, zero)) {
             t_prev = t;
-            /* With a coarse stop policy the rest of the box's steps go at once. */
-            if constexpr (F == RAY_CPU && Ray_Run_Coarse<Run>::value) {
-                int left = Ray_DDA_Leave_Box(ray, box_lo, box_hi, dim, &t_prev);
-                if (left > 0) break;
-            }
             continue;
         }
 

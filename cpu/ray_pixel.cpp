@@ -28,7 +28,6 @@ bool Ray_Run_Locked::operator()() const
 
 /* The run flag alone: the lock would add nothing but lines nobody reads. */
 struct Ray_Run_Atomic {
-    static constexpr bool coarse = true;   /* asked once for a run of steps that change nothing */
     bool operator()() const { return Ray_Thread_Run.load(std::memory_order_acquire) != 0; }
 };
 
@@ -136,7 +135,7 @@ struct Ray_Layout_Sampler {
         leap_ok = leap_ok && ray->entry < 524288.0f;
     }
 
-    bool leap(const int* v, const Ray_Zero_Rule& z, int* lo, int* hi)
+    bool leap(const int* v, const Ray_Zero_Rule& z)
     {
         if (!leap_ok) return false;
         size_t b = (static_cast<size_t>(v[2] >> RAY_BLOCK_SHIFT) * static_cast<size_t>(L.bdim[1]) +
@@ -146,10 +145,6 @@ struct Ray_Layout_Sampler {
         if (b != leap_block) {
             leap_block = b;
             leap_zero = Ray_Alpha_Is_Zero_Any_Tag(z, L.block[b].a_near, L.block[b].g_near);
-        }
-        for (int a = 0; a < 3; a++) {
-            lo[a] = v[a] >> RAY_BLOCK_SHIFT << RAY_BLOCK_SHIFT;
-            hi[a] = lo[a] + (1 << RAY_BLOCK_SHIFT) - 1;
         }
         return leap_zero;
     }
