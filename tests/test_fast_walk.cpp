@@ -69,8 +69,8 @@ void random_volume(Scene_Phantom& p, Rng& rng, float thr)
     for (int k = rng.range(0, 6); k > 0; k--) p.gli[rng.next() % n] = thr - 0.1f;   /* exactly at the threshold */
     Scene_Gradient(p);
     for (int k = rng.range(0, 6); k > 0; k--) p.gli[rng.next() % n] = std::numeric_limits<float>::quiet_NaN();
-    for (int k = rng.range(0, 6); k > 0; k--) p.grad_a[rng.next() % n] = 0.0f;
-    if (rng.next() % 8 == 0) p.grad_x[rng.next() % n] = std::numeric_limits<float>::quiet_NaN();
+    for (int k = rng.range(0, 6); k > 0; k--) p.g[0][rng.next() % n] = 0.0f;
+    if (rng.next() % 8 == 0) p.g[1][rng.next() % n] = std::numeric_limits<float>::quiet_NaN();
 }
 
 /* Render parameters: any colour mode, maps, tag colours, lights and a threshold. */
