@@ -391,10 +391,6 @@ TEST(RayWalk, MissingArraysAndClipFlags)
 }
 
 namespace {
-/* Draws 0.25, -0.75, 0.25, ...: r1 (columns) 0.25, r2 (rows) -0.75. */
-int g_draws = 0;
-float draw_alternate() { return (g_draws++ & 1) ? -0.75f : 0.25f; }
-
 struct Pixel_Fixture : ::testing::Test {
     Scene_Phantom p;
     const int slot = 3;
@@ -418,23 +414,6 @@ struct Pixel_Fixture : ::testing::Test {
     }
 };
 } // namespace
-
-TEST_F(Pixel_Fixture, WholeRayWithTheDrawsAsTaken)
-{
-    unsigned int centre = Ray_Pixel(slot, 32, 24, 64, 48);
-    EXPECT_LT(centre >> 24, 255u); /* the sphere gathered colour */
-    EXPECT_EQ(Ray_Pixel(slot, 0, 0, 64, 48) | Ray_Pixel(slot, 63, 47, 64, 48), 0u);
-    Corekit_Set_Random(&draw_alternate);
-    Ray_Run_Always always;
-    for (int j = 0; j < 48; j += 5)
-        for (int i = 0; i < 64; i += 3)
-            ASSERT_EQ(Ray_Pixel(slot, i, j, 64, 48), cast(i, j, 0.25f, -0.75f, always)) << i << "," << j;
-    /* Scaled down, the eye (view z = -2) lies inside the volume: entry 0, the walk starts there. */
-    Matrix_4x4 view;
-    view.scale(0.1f, 0.1f, 0.1f);
-    Scene_Bind(slot, 64, 48, view);
-    EXPECT_NE(Ray_Pixel(slot, 32, 24, 64, 48), 0u);
-}
 
 TEST_F(Pixel_Fixture, RunFlagUnderTheLockStepForStepWhileTracedBadSlotRefused)
 {
