@@ -389,25 +389,19 @@ struct Pixel_Fixture : ::testing::Test {
         Scene_Bind(slot, 64, 48, Matrix_4x4()), Scene_Params(), Ray_Thread_Run = 1;
     }
     void TearDown() override { Scene_Uninstall(slot), Corekit_Set_Random(nullptr); }
-    /* The whole ray of pixel (i, j) with draws r1, r2 through the plain core, asking run at every step. */
-    template <class Run>
-    unsigned int cast(int i, int j, float r1, float r2, Run& run)
-    {
-        std::array<float, 16> m = Ray_Volume.transfo[slot].to_float();
-        float eye[3], d[3], inv;
-        Ray_Pixel_Ray(m.data(), i, j, 64, 48, r1, r2, eye, d, &inv);
-        const float dir[3] = {d[0] * inv, d[1] * inv, d[2] * inv};
-        Ray_Scene sc;
-        Ray_Scene_Slot(&sc, slot, Ray_Params.threshold, Ray_Volume.clip[slot]);
-        return Ray_Cast<RAY_CPU>(eye, dir, sc, run);
-    }
 };
 } // namespace
 
 TEST_F(Pixel_Fixture, RunFlagUnderTheLockStepForStepWhileTracedBadSlotRefused)
 {
-    struct Count { int steps = 0; bool operator()() { return ++steps > 0; } } count;
-    cast(32, 24, 0.0f, 0.0f, count);
+    struct Count { int steps = 0; bool operator()() { return ++steps > 0; } } count;   /* the plain walk's steps */
+    std::array<float, 16> m = Ray_Volume.transfo[slot].to_float();
+    float eye[3], d[3], inv;
+    Ray_Pixel_Ray(m.data(), 32, 24, 64, 48, 0.0f, 0.0f, eye, d, &inv);
+    const float dir[3] = {d[0] * inv, d[1] * inv, d[2] * inv};
+    Ray_Scene sc;
+    Ray_Scene_Slot(&sc, slot, Ray_Params.threshold, Ray_Volume.clip[slot]);
+    Ray_Cast<RAY_CPU>(eye, dir, sc, count);
     Trace_Capture trace;
     Ray_Pixel(slot, 32, 24, 64, 48);
     EXPECT_GT(count.steps, 0);
