@@ -45,9 +45,9 @@ struct Result {
     }
     bool same(const float* mean, float* const* grad) const   // bit for bit
     {
-        int n = static_cast<int>(b[0].size());
-        return Same_Bits(mean, b[0].data(), n) && Same_Bits(grad[0], g[0], n) && Same_Bits(grad[1], g[1], n) &&
-               Same_Bits(grad[2], g[2], n) && Same_Bits(grad[3], g[3], n);
+        bool same = Same_Bits(mean, b[0].data(), int(b[0].size()));
+        for (int k = 0; k < 4; k++) same = same && Same_Bits(grad[k], g[k], int(b[0].size()));
+        return same;
     }
 };
 
@@ -100,8 +100,7 @@ TEST(Preproc, KnownVolumes)
     mean = Ray_Vol_Filter(1, 1, 1, &one);
     g = Ray_Vol_Gradient(1, 1, 1, &one);
     EXPECT_TRUE(mean[0] == one && g[0][0] == 0.0f && g[1][0] == 0.0f && g[2][0] == 0.0f && g[3][0] == 0.0f);
-    Ray_Vol_Release(mean);
-    Ray_Grad_Release(g);
+    Ray_Vol_Release(mean), Ray_Grad_Release(g);
 }
 
 // The gradient's sums in their written order, on random values (an inside and a corner voxel).
@@ -145,8 +144,7 @@ TEST(Preproc, FastPathBitIdenticalToScalar)
             float* mean = Ray_Vol_Filter(d.x, d.y, d.z, v.data());
             float** g = Ray_Vol_Gradient(d.x, d.y, d.z, v.data());
             EXPECT_TRUE(ref.same(mean, g));
-            Ray_Vol_Release(mean);
-            Ray_Grad_Release(g);
+            Ray_Vol_Release(mean), Ray_Grad_Release(g);
             continue;
         }
         for (int threads : {1, 3}) {
@@ -173,16 +171,13 @@ TEST(Preproc, TracesRefusalsAndAllocationFailures)
     float* mean = Ray_Vol_Filter(2, 2, 2, v);
     Ray_Grad_Release(Ray_Vol_Gradient(2, 2, 2, mean));
     Ray_Vol_Release(mean);
-    const std::vector<std::string> expect = {
-        ">>> in  Voxelune: Ray_Vol_Filter()", "<<< out Voxelune: Ray_Vol_Filter(done)",
-        ">>> in  Voxelune: Ray_Vol_Gradient()", "<<< out Voxelune: Ray_Vol_Gradient(done)"};
-    EXPECT_EQ(trace.texts(), expect);
+    EXPECT_EQ(trace.texts(), (std::vector<std::string>{">>> in  Voxelune: Ray_Vol_Filter()", "<<< out Voxelune: Ray_Vol_Filter(done)",
+                                                       ">>> in  Voxelune: Ray_Vol_Gradient()", "<<< out Voxelune: Ray_Vol_Gradient(done)"}));
     for (const Trace_Capture::Line& l : trace.lines()) EXPECT_EQ(l.flags, 0x90002006u);
     float* empty = Ray_Vol_Filter(4, 4, 0, nullptr);   // no slice: nothing computed, a buffer all the same
     float** g = Ray_Vol_Gradient(4, 4, 0, nullptr);
     EXPECT_TRUE(empty && g);
-    Ray_Vol_Release(empty);
-    Ray_Grad_Release(g);
+    Ray_Vol_Release(empty), Ray_Grad_Release(g);
 
     trace.clear();
     EXPECT_EQ(Ray_Vol_Filter(-2, 2, 1, v), nullptr);
@@ -245,8 +240,7 @@ TEST(PreprocPath, GpuPathBitIdentical)
             EXPECT_TRUE(trace.has("<<< out Voxelune: Ray_Vol_Filter(Cuda)") &&
                         trace.has("<<< out Voxelune: Ray_Vol_Gradient(Cuda)"));   // the device path ran
             EXPECT_TRUE(ref.same(mean, g));
-            Ray_Grad_Release(g);
-            Ray_Vol_Release(mean);
+            Ray_Grad_Release(g), Ray_Vol_Release(mean);
         }
         Cuda_Thread_Block = 256;
         return;
