@@ -44,10 +44,8 @@ void expect_frame(int s, Boxs& box)
     EXPECT_GT(values.size(), 50u);
 }
 
-/*
- * The real ray, watched: casts, rays in flight, rays seen while the test
- * says the slot is stopped; slowed by slow_us, the next long_rays by 150 ms.
- */
+/* The real ray, watched: casts, rays in flight, rays seen while the test says the slot is stopped; slowed
+ * by slow_us, the next long_rays by 150 ms. */
 std::atomic<int> casts{0}, flying{0}, late{0}, slow_us{0}, long_rays{0};
 std::atomic<bool> stopped{false};
 
@@ -87,16 +85,8 @@ bool lines_name(const Trace_Capture& trace, const std::string& call)
 /* The library started with two workers that cast the watched ray. */
 class Requests : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        Ray_Init(2);
-        Ray_Dispatch_Pixel = &watched_pixel;
-    }
-    void TearDown() override
-    {
-        Ray_Exit();
-        Ray_Dispatch_Pixel = &Ray_Pixel_View;
-    }
+    void SetUp() override { Ray_Init(2), Ray_Dispatch_Pixel = &watched_pixel; }
+    void TearDown() override { Ray_Exit(), Ray_Dispatch_Pixel = &Ray_Pixel_View; }
 };
 
 }  // namespace
@@ -111,7 +101,6 @@ TEST(Lifecycle, CyclesCountThreadsAndLeaveNothing)
     int tasks0 = count_tasks(), fds0 = count_dir("/proc/self/fd");
     const unsigned short asked[] = {0, 1, 64, 1000, 2, 3};
     const int got[] = {1, 1, 64, 64, 2, 3};
-    const unsigned phong[][2] = {{851, 0}, {852, 1}, {900, 5}, {960, 36}, {1000, 125}, {1023, 247}};
     for (int k = 0; k < 12; k++) {
         Trace_Capture trace(false);
         Ray_Exit();
@@ -129,7 +118,7 @@ TEST(Lifecycle, CyclesCountThreadsAndLeaveNothing)
         EXPECT_TRUE(trace.has("[00] Success starting ray-tracing thread"));
         EXPECT_EQ(trace.has("[63] Starting ray-tracing thread"), n == 64);
         EXPECT_EQ(Ray_CPU_Init(2), 0);   /* already running */
-        for (auto& e : phong) EXPECT_EQ(Phong_table[e[0]], e[1]) << e[0];
+        EXPECT_TRUE(Phong_table && Phong_table[1000] == 125u);   /* its entries: the shading tests */
         auto p = register_phantom(6, 12);
         Watched_Box wb(48, 32);
         Ray_Start(&wb.box, 6);
