@@ -1,7 +1,5 @@
-/*
- * scene.h - a phantom volume placed in a slot the way a registration and a
- * frame request would leave it, for the tests and the benchmarks.
- */
+/* scene.h - a phantom volume placed in a slot the way a registration and a
+ * frame request would leave it, for the tests and the benchmarks. */
 #ifndef VOXELUNE_TESTS_SCENE_H
 #define VOXELUNE_TESTS_SCENE_H
 
@@ -48,10 +46,8 @@ inline void Scene_Gradient(Scene_Phantom& p)
             }
 }
 
-/*
- * A sphere of radius R = 0.4 x the smallest dimension, centred: grey level 0.5 + (R - r) / 4 clamped to
- * [0, 1] plus noise of +-0.02; tag 1 inside r < R / 2, tag 2 in the rest of the sphere, 0 outside.
- */
+/* A sphere of radius R = 0.4 x the smallest dimension, centred: grey level 0.5 + (R - r) / 4 clamped to
+ * [0, 1] plus noise of +-0.02; tag 1 inside r < R / 2, tag 2 in the rest of the sphere, 0 outside. */
 inline void Scene_Sphere(Scene_Phantom& p, int dim_x, int dim_y, int dim_z)
 {
     p.dim[0] = dim_x, p.dim[1] = dim_y, p.dim[2] = dim_z;
@@ -74,10 +70,8 @@ inline void Scene_Sphere(Scene_Phantom& p, int dim_x, int dim_y, int dim_z)
     Scene_Gradient(p);
 }
 
-/*
- * Points the slot's volume tables at the phantom and builds its render layout, as a CPU registration
- * would; the gradient arrays stay too, for the plain walk.  With layout false the slot has the arrays alone.
- */
+/* Points the slot's volume tables at the phantom and builds its render layout, as a CPU registration
+ * would; the gradient arrays stay too, for the plain walk.  With layout false the slot has the arrays alone. */
 inline void Scene_Install(int slot, Scene_Phantom& p, bool layout = true)
 {
     Ray_Volume.dim_x[slot] = p.dim[0], Ray_Volume.dim_y[slot] = p.dim[1], Ray_Volume.dim_z[slot] = p.dim[2];
@@ -95,10 +89,8 @@ inline void Scene_Uninstall(int slot)
     Ray_Volume.render[slot] = nullptr;
 }
 
-/*
- * The binding a frame request leaves for a W x H box: view, scaled by half the volume's diagonal and
- * moved to its centre; no clip box, the depth clip a quarter diagonal from the eye (nearer than any voxel).
- */
+/* The binding a frame request leaves for a W x H box: view, scaled by half the volume's diagonal and
+ * moved to its centre; no clip box, the depth clip a quarter diagonal from the eye (nearer than any voxel). */
 inline void Scene_Bind(int slot, int W, int H, const Matrix_4x4& view)
 {
     int dx = Ray_Volume.dim_x[slot], dy = Ray_Volume.dim_y[slot], dz = Ray_Volume.dim_z[slot];

@@ -1,7 +1,5 @@
-/*
- * The CPU renderer's walk through a slot's render layout (interleaved channels, block bounds, the run flag
- * read without the lock) against the plain walk over the separate volumes: the same pixel word.
- */
+/* The CPU renderer's walk through a slot's render layout (interleaved channels, block bounds, the run flag
+ * read without the lock) against the plain walk over the separate volumes: the same pixel word. */
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -25,10 +23,8 @@ struct Rng {
     float unit() { return static_cast<float>(next() & 0xFFFFFF) / 16777216.0f; }
 };
 
-/*
- * Boxes of constant or noisy grey level on an empty background, voxels exactly at the opacity threshold,
- * NaN voxels, tag regions; the phantom's gradient block, with a few magnitudes of exactly 0.
- */
+/* Boxes of constant or noisy grey level on an empty background, voxels exactly at the opacity threshold,
+ * NaN voxels, tag regions; the phantom's gradient block, with a few magnitudes of exactly 0. */
 void random_volume(Scene_Phantom& p, Rng& rng, float thr)
 {
     for (int a = 0; a < 3; a++) p.dim[a] = rng.range(3, 40);

@@ -69,10 +69,8 @@ TEST(Lock, UnmatchedOrForeignOutIsRefused)
     std::thread([] { Critical_Ray_In("T"), Critical_Ray_Out("T"); }).join();   /* still free for another thread */
 }
 
-/*
- * "<base name>.dll 1.0 (rev-a)" for no text or "1.0", in one buffer; null for any other text.  Ray_Free
- * frees and clears, twice is harmless, no pointer is an error.  The exported flag asking for the discrete GPU.
- */
+/* "<base name>.dll 1.0 (rev-a)" for no text or "1.0", in one buffer; null for any other text.  Ray_Free
+ * frees and clears, twice is harmless, no pointer is an error.  The flag that asks for the discrete GPU. */
 TEST(Frame, VersionTextAndRayFree)
 {
     char* a = Get_Version_Ray(nullptr);

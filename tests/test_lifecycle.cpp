@@ -91,11 +91,9 @@ protected:
 
 }  // namespace
 
-/*
- * Cycles of start, a frame (or an exit right after the request), exit: the clamped worker count, 2 + n
+/* Cycles of start, a frame (or an exit right after the request), exit: the clamped worker count, 2 + n
  * threads and 2n + 4 descriptors, the Phong table, nothing left behind; the slots' volumes released, their
- * binding kept.  An early Ray_Exit and a second Ray_Init write their entry line only.
- */
+ * binding kept.  An early Ray_Exit and a second Ray_Init write their entry line only. */
 TEST(Lifecycle, CyclesCountThreadsAndLeaveNothing)
 {
     int tasks0 = count_tasks(), fds0 = count_dir("/proc/self/fd");
@@ -137,12 +135,9 @@ TEST(Lifecycle, CyclesCountThreadsAndLeaveNothing)
     }
 }
 
-/*
- * Each failure of the pipeline's start, and of the control thread's
- * allocations at the first frame: its lines, naming the failing call's own
- * line.  A failed start is undone whole; a control thread that ended
- * leaves requests that fail without blocking.
- */
+/* Each failure of the pipeline's start, and of the control thread's allocations at the first frame: its
+ * lines, naming the failing call's own line.  A failed start is undone whole; a control thread that ended
+ * leaves requests that fail without blocking. */
 TEST(Lifecycle, FailuresNameTheirLineAndAreUndone)
 {
     int tasks0 = count_tasks(), fds0 = count_dir("/proc/self/fd");
@@ -262,14 +257,10 @@ TEST(Lifecycle, StartBindsTheSlot)
     Ray_Dispatch_Pixel = &Ray_Pixel_View;
 }
 
-/*
- * Start, stop at once, register the slot again and free the old buffers,
- * round after round, every other round with a trace sink (the walk then
- * takes the lock at every step), some rounds with rays that outlast the
- * stop's pause: once Ray_Stop returns, the start was taken, no ray of the
- * slot runs and the frame, stopped long before its first level, is never
- * drawn.
- */
+/* Start, stop at once, register the slot again and free the old buffers, round after round, every other
+ * round with a trace sink (the walk then takes the lock at every step), some with rays that outlast the
+ * stop's pause: once Ray_Stop returns, the start was taken, no ray of the slot runs and the frame, stopped
+ * long before its first level, is never drawn. */
 TEST_F(Requests, StopCoversEveryStartBeforeIt)
 {
     const char* env = std::getenv("VOXELUNE_STOP_ROUNDS");
@@ -323,11 +314,8 @@ TEST_F(Requests, ZeroSizeBox)
     Critical_Ray_Out("test");
 }
 
-/*
- * Restarts in a tight loop while slow rays are in flight: each Ray_Start
- * returns at once.  Once the old rays have landed, the last view's frame
- * equals Ray_Pixel word for word.
- */
+/* Restarts in a tight loop while slow rays are in flight: each Ray_Start returns at once.  Once the old
+ * rays have landed, the last view's frame equals Ray_Pixel word for word. */
 TEST_F(Requests, RestartsReturnAtOnce)
 {
     auto p = register_phantom(4, 48);

@@ -54,15 +54,12 @@ class Pipeline : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        tasks0 = count_tasks();
-        fds0 = count_dir("/proc/self/fd");
-        Critical_Ray_Create();
-        Ray_Dispatch_Pixel = &fake_pixel;
+        tasks0 = count_tasks(), fds0 = count_dir("/proc/self/fd");
+        Critical_Ray_Create(), Ray_Dispatch_Pixel = &fake_pixel;
     }
     void TearDown() override
     {
-        released = true;
-        Ray_CPU_Exit();
+        released = true, Ray_CPU_Exit();
         EXPECT_EQ(count_dir("/proc/self/fd"), fds0);
         EXPECT_TRUE(eventually([&] { return count_dir("/proc/self/task") == tasks0; }));
     }
@@ -72,8 +69,7 @@ protected:
         boxes.emplace_back(new Watched_Box(W, H));
         Critical_Ray_In("test");
         Ray_Volume.box[s] = &boxes.back()->box;
-        Ray_Volume.box_w[s] = W;
-        Ray_Volume.box_h[s] = H;
+        Ray_Volume.box_w[s] = W, Ray_Volume.box_h[s] = H;
         Critical_Ray_Out("test");
         return *boxes.back();
     }
@@ -229,11 +225,8 @@ TEST_F(Pipeline, StopOneSlotThenAll)
     EXPECT_TRUE(holds(a.box, 3, 0, 5));
 }
 
-/*
- * A worker held in its ray while thousands of requests arrive: its pipe
- * fills, yet nobody blocks while holding the lock and every request is
- * taken once the worker goes on.
- */
+/* A worker held in its ray while thousands of requests arrive: its pipe fills, yet nobody blocks while
+ * holding the lock and every request is taken once the worker goes on. */
 TEST_F(Pipeline, FullWorkerPipeNeverBlocksTheLock)
 {
     ASSERT_EQ(Ray_CPU_Init(1), 1);

@@ -1,7 +1,5 @@
-/*
- * voxelune-render's files: malformed inputs refused with exit status 2 and one line, good files read
- * as stored, output paths checked before rendering, writes that fail or are interrupted.
- */
+/* voxelune-render's files: malformed inputs refused with exit status 2 and one line, good files read
+ * as stored, output paths checked before rendering, writes that fail or are interrupted. */
 #include "render_file.h"
 #include "render_volume.h"
 #include "tool_test_util.h"

@@ -1,7 +1,5 @@
-/*
- * voxelune-render from end to end: small volumes rendered into PNG files that decode to the asked
- * size and show a volume, not a blank or uniform image.
- */
+/* voxelune-render from end to end: small volumes rendered into PNG files that decode to the asked
+ * size and show a volume, not a blank or uniform image. */
 #include "render_png.h"
 #include "tool_test_util.h"
 
