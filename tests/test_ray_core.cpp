@@ -56,24 +56,19 @@ struct Recorder {
 const float k_low[3] = {0, 0, 0}, k_ten[3] = {10, 10, 10};
 const float k_row[3] = {0.03125f, 5.5f, 5.5f}, k_x[3] = {1, 0, 0}; /* the row (5, 5) along +x */
 
-/* A ray in form F from p along d, starting inside g's volume (entry 0). */
-template <int F>
+/* A ray from p along d, starting inside g's volume (entry 0). */
 Rays ray_in(const Grid& g, const float* p, const float* d)
 {
     Rays r = {};
     const float high[3] = {float(g.sc.dim[0]), float(g.sc.dim[1]), float(g.sc.dim[2])};
-    Ray_DDDA_Param<F>(&r, p, d, k_low, high);
+    Ray_DDDA_Param<RAY_CPU>(&r, p, d, k_low, high);
     for (int a = 0; a < 3; a++) r.org[a] = p[a], r.dir[a] = d[a];
     return r;
 }
 
 /* The walk in form F of r through g, asking rec at every step. */
 template <int F = RAY_CPU>
-unsigned int walk(const Grid& g, Rays& r, Recorder& rec)
-{
-    rec.ray = &r;
-    return Ray_DDDA_Walk<F>(&r, g.sc, rec);
-}
+unsigned int walk(const Grid& g, Rays& r, Recorder& rec) { return rec.ray = &r, Ray_DDDA_Walk<F>(&r, g.sc, rec); }
 
 } // namespace
 
@@ -281,7 +276,7 @@ TEST(RayWalk, NineSamplesTiesAndTheWeights)
 {
     /* Entry x = 0.03125 in 10 voxels: crossings at 9687 + 10000 k into x = 1..9, then t_end. */
     Grid g(10, 5);
-    Rays r = ray_in<RAY_CPU>(g, k_row, k_x), far = r, one = r;
+    Rays r = ray_in(g, k_row, k_x), far = r, one = r;
     Recorder rec, far_rec, first;
     EXPECT_EQ(walk(g, r, rec), 0xFF000000u);
     ASSERT_EQ(rec.calls, 9);
@@ -298,7 +293,7 @@ TEST(RayWalk, NineSamplesTiesAndTheWeights)
     const std::array<int, 3> want[2][2] = {{{{6, 5, 5}}, {{6, 6, 5}}}, {{{5, 6, 5}}, {{5, 6, 6}}}};
     const float centre[3] = {5.5f, 5.5f, 5.5f}, diag[3] = {0.6f, 0.6f, 0.52915f};
     for (int k = 0; k < 2; k++) {
-        Rays tie = ray_in<RAY_CPU>(g, centre, diag);
+        Rays tie = ray_in(g, centre, diag);
         for (int a = 0; a < 3; a++) tie.t_max[a] = t_max[k][a];
         Recorder steps;
         steps.stop_at = 2;
@@ -359,7 +354,7 @@ TEST(RayWalk, Cases)
         g.sc.clip_lo[0] = c.x_lo, g.sc.clip_hi[0] = c.x_hi, g.sc.clip_lo[1] = c.y_lo, g.sc.clip_hi[1] = c.y_hi;
         Recorder rec;
         rec.stop_at = c.stop_at ? c.stop_at : INT_MAX;
-        Rays r = ray_in<RAY_CPU>(g, c.p, c.d);
+        Rays r = ray_in(g, c.p, c.d);
         unsigned int px = c.form == RAY_CPU ? walk<RAY_CPU>(g, r, rec) : walk<RAY_GPU>(g, r, rec);
         EXPECT_EQ(px, c.want) << "row " << &c - cases << std::hex << " got " << px;
         EXPECT_EQ(rec.calls, c.calls == kAny ? rec.calls : c.calls) << "row " << &c - cases;
