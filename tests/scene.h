@@ -35,8 +35,7 @@ inline void Scene_Gradient(Scene_Phantom& p)
                 for (int a = 0; a < 3; a++) {
                     int lo[3] = {x, y, z}, hi[3] = {x, y, z};
                     lo[a] -= lo[a] > 0, hi[a] += hi[a] < p.dim[a] - 1;
-                    float span = float(hi[a] - lo[a]);
-                    float vh = p.gli[Scene_Index(p, hi[0], hi[1], hi[2])];
+                    float span = float(hi[a] - lo[a]), vh = p.gli[Scene_Index(p, hi[0], hi[1], hi[2])];
                     g[a] = span > 0.0f ? (vh - p.gli[Scene_Index(p, lo[0], lo[1], lo[2])]) / span : 0.0f;
                 }
                 float len = std::sqrt(g[0] * g[0] + g[1] * g[1] + g[2] * g[2]);

@@ -163,10 +163,9 @@ TEST_F(Pipeline, FrameRefinesLevelByLevel)
     EXPECT_TRUE(holds(wb.box, 5, 1, 1));
     released = true;
     ASSERT_TRUE(wb.wait_draws(2));
-    EXPECT_TRUE(holds(wb.box, 5, 0, 0));
-    EXPECT_EQ(cast_count.load(), 10000);
-    EXPECT_TRUE(trace.has("-> Ray_Thread_Ctrl(): Dim changed 100x100"));
-    EXPECT_TRUE(trace.has("-> Ray_Thread_Ctrl(): Start ray id:5, res:100x100"));
+    EXPECT_TRUE(holds(wb.box, 5, 0, 0) && cast_count.load() == 10000) << cast_count.load();
+    EXPECT_TRUE(trace.has("-> Ray_Thread_Ctrl(): Dim changed 100x100") &&
+                trace.has("-> Ray_Thread_Ctrl(): Start ray id:5, res:100x100"));
     EXPECT_TRUE(eventually([&] { return trace.has("-> Ray_Thread_Ray(0): Finish"); }));
 
     /* the same size again: no new layout, the frame starts over; then two shapes of the same N */
@@ -180,8 +179,7 @@ TEST_F(Pipeline, FrameRefinesLevelByLevel)
     Watched_Box& wide = box(5, 50, 200);
     Ray_CPU_Start(5);
     ASSERT_TRUE(wide.wait_draws(2));
-    EXPECT_TRUE(holds(wide.box, 5, 0, 0));
-    EXPECT_EQ(trace.count("Dim changed"), 2u);
+    EXPECT_TRUE(holds(wide.box, 5, 0, 0) && trace.count("Dim changed") == 2u);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(wb.count() + tall.count() + wide.count(), 8);
 }
