@@ -212,12 +212,10 @@ TEST(PreprocPath, MemoryThresholds)
         {1, 1000, 5, 4, 20001, 1024, 1}};
     for (const auto& c : cases) {
         Corekit_Set_Cuda_Permission(c.allowed);
-        g_free_bytes = c.free;
-        Cuda_Thread_Block = c.block;
+        g_free_bytes = c.free, Cuda_Thread_Block = c.block;
         EXPECT_EQ(Ray_Prep_Use_Gpu(c.n, c.factor, c.unit), c.gpu) << c.n << " " << c.factor << " " << c.free;
     }
-    Cuda_Thread_Block = 256;
-    Ray_Gpu_Free_Memory_Hook = nullptr;
+    Cuda_Thread_Block = 256, Ray_Gpu_Free_Memory_Hook = nullptr;
 }
 
 // With room on the device the GPU path is taken.  Where a device exists its
@@ -246,8 +244,7 @@ TEST(PreprocPath, GpuPathBitIdentical)
         return;
     }
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    Ray_Gpu_Free_Memory_Hook = Fake_Free;
-    g_free_bytes = uint64_t(d.n()) * 20 + 1;
+    Ray_Gpu_Free_Memory_Hook = Fake_Free, g_free_bytes = uint64_t(d.n()) * 20 + 1;
     EXPECT_EXIT(Ray_Vol_Filter(d.x, d.y, d.z, v.data()), ::testing::ExitedWithCode(0), "cudaMemcpyToSymbol\\[cst_dim\\]");
     EXPECT_EXIT(Ray_Vol_Gradient(d.x, d.y, d.z, v.data()), ::testing::ExitedWithCode(0), "cudaMemcpyToSymbol\\[cst_dim\\]");
     Ray_Gpu_Free_Memory_Hook = nullptr;
@@ -262,7 +259,6 @@ TEST(PreprocPath, WrappedCoordinatesStayInside)
     unsigned int dim[3] = {unsigned(dx), 2, 1};
     short x, y, z;
     Ray_Voxel_Coords(35000, dim, &x, &y, &z);
-    EXPECT_EQ(x, static_cast<short>(35000));
-    EXPECT_EQ(Ray_Filter_Voxel(Ray_Filter_Kern, v.data(), dx, 2, 1, x, y, z), 0.0f);
-    EXPECT_EQ(Ray_Grad_Voxel(v.data(), dx, 2, 1, x, y, z, v[35000]).a, 0.0f);
+    EXPECT_TRUE(x == static_cast<short>(35000) && Ray_Filter_Voxel(Ray_Filter_Kern, v.data(), dx, 2, 1, x, y, z) == 0.0f &&
+                Ray_Grad_Voxel(v.data(), dx, 2, 1, x, y, z, v[35000]).a == 0.0f);
 }
