@@ -46,6 +46,7 @@ struct Recorder {
     int calls = 0, stop_at = INT_MAX; /* the call that answers "stop" */
     std::vector<std::array<int, 3>> vox;
     std::vector<float> pos_x;
+    explicit Recorder(int stop = INT_MAX) : stop_at(stop) {}
     bool operator()()
     {
         vox.push_back({ray->vox[0], ray->vox[1], ray->vox[2]}), pos_x.push_back(ray->pos[0]);
@@ -277,7 +278,7 @@ TEST(RayWalk, NineSamplesTiesAndTheWeights)
     /* Entry x = 0.03125 in 10 voxels: crossings at 9687 + 10000 k into x = 1..9, then t_end. */
     Grid g(10, 5);
     Rays r = ray_in(g, k_row, k_x), far = r, one = r;
-    Recorder rec, far_rec, first;
+    Recorder rec, far_rec, first(3);
     EXPECT_EQ(walk(g, r, rec), 0xFF000000u);
     ASSERT_EQ(rec.calls, 9);
     for (int k = 0; k < 9; k++) EXPECT_EQ(rec.vox[size_t(k)], (std::array<int, 3>{k + 1, 5, 5}));
@@ -295,15 +296,12 @@ TEST(RayWalk, NineSamplesTiesAndTheWeights)
     for (int k = 0; k < 2; k++) {
         Rays tie = ray_in(g, centre, diag);
         for (int a = 0; a < 3; a++) tie.t_max[a] = t_max[k][a];
-        Recorder steps;
-        steps.stop_at = 2;
+        Recorder steps(2);
         walk(g, tie, steps);
-        EXPECT_EQ(steps.vox[0], want[k][0]) << "tie " << k;
-        EXPECT_EQ(steps.vox[1], want[k][1]) << "tie " << k;
+        EXPECT_EQ(steps.vox, (std::vector<std::array<int, 3>>{want[k][0], want[k][1]})) << "tie " << k;
     }
     /* Opacity = weight (mode 3, a = 1): the first two are 9687 and 10000 x 5.773e-5 (bits 0x3872231D). */
     g.sc.col_mode = 3;
-    first.stop_at = 3;
     walk(g, one, first);
     EXPECT_EQ(one.trans, (1.0f - 9687.0f * 0x1.e4463ap-15f) * (1.0f - 10000.0f * 0x1.e4463ap-15f));
 }
@@ -352,8 +350,7 @@ TEST(RayWalk, Cases)
         Grid g(c.dim, c.mode);
         g.sc.clip = c.clip, g.sc.vol_flag = static_cast<unsigned int>(c.vf);
         g.sc.clip_lo[0] = c.x_lo, g.sc.clip_hi[0] = c.x_hi, g.sc.clip_lo[1] = c.y_lo, g.sc.clip_hi[1] = c.y_hi;
-        Recorder rec;
-        rec.stop_at = c.stop_at ? c.stop_at : INT_MAX;
+        Recorder rec(c.stop_at ? c.stop_at : INT_MAX);
         Rays r = ray_in(g, c.p, c.d);
         unsigned int px = c.form == RAY_CPU ? walk<RAY_CPU>(g, r, rec) : walk<RAY_GPU>(g, r, rec);
         EXPECT_EQ(px, c.want) << "row " << &c - cases << std::hex << " got " << px;
