@@ -4,27 +4,16 @@
 #include <dirent.h>
 #endif
 
-#include <chrono>
-
 Trace_Capture::Trace_Capture(bool with_lock) : with_lock_(with_lock)
 {
-    Corekit_Set_Trace_Sink(&Trace_Capture::sink, this);
-}
-
-Trace_Capture::~Trace_Capture() { Corekit_Set_Trace_Sink(nullptr, nullptr); }
-
-void Trace_Capture::sink(unsigned int flags, const char* line, void* context)
-{
-    Trace_Capture* self = static_cast<Trace_Capture*>(context);
-    if (flags == 0x90004006u && !self->with_lock_) return;
-    std::lock_guard<std::mutex> guard(self->lock_);
-    self->lines_.push_back({flags, line});
-}
-
-std::vector<Trace_Capture::Line> Trace_Capture::lines() const
-{
-    std::lock_guard<std::mutex> guard(lock_);
-    return lines_;
+    Corekit_Set_Trace_Sink(
+        [](unsigned int flags, const char* line, void* context) {
+            Trace_Capture* self = static_cast<Trace_Capture*>(context);
+            if (flags == 0x90004006u && !self->with_lock_) return;
+            std::lock_guard<std::mutex> guard(self->lock_);
+            self->lines_.push_back({flags, line});
+        },
+        this);
 }
 
 std::vector<std::string> Trace_Capture::texts() const
@@ -37,22 +26,15 @@ std::vector<std::string> Trace_Capture::texts() const
 size_t Trace_Capture::count(const std::string& needle) const
 {
     size_t n = 0;
-    for (const Line& l : lines())
-        if (l.text.find(needle) != std::string::npos) n++;
+    for (const std::string& t : texts()) n += t.find(needle) != std::string::npos;
     return n;
 }
 
 bool Trace_Capture::has(const std::string& text) const
 {
-    for (const Line& l : lines())
-        if (l.text == text) return true;
+    for (const std::string& t : texts())
+        if (t == text) return true;
     return false;
-}
-
-void Trace_Capture::clear()
-{
-    std::lock_guard<std::mutex> guard(lock_);
-    lines_.clear();
 }
 
 Watched_Box::Watched_Box(int W, int H) : box(W, H)
@@ -70,12 +52,6 @@ bool Watched_Box::wait_draws(int n)
 {
     std::unique_lock<std::mutex> g(m);
     return cv.wait_for(g, std::chrono::seconds(60), [&] { return draws >= n; });
-}
-
-int Watched_Box::count()
-{
-    std::lock_guard<std::mutex> g(m);
-    return draws;
 }
 
 int count_dir(const char* path)

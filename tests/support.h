@@ -1,7 +1,4 @@
-/*
- * support.h - helpers shared by the tests: a trace sink that
- * collects lines, and a few small volumes.
- */
+/* support.h - helpers shared by the tests: a trace sink that collects lines, a box that counts redraws. */
 #ifndef VOXELUNE_TESTS_SUPPORT_H
 #define VOXELUNE_TESTS_SUPPORT_H
 
@@ -15,11 +12,8 @@
 #include <thread>
 #include <vector>
 
-/*
- * Collects the trace lines while it lives; uninstalls itself on
- * destruction.  Without with_lock the lock's lines are dropped (a frame
- * takes the lock several times a pixel).
- */
+/* Collects the trace lines while it lives.  Without with_lock the lock's lines are dropped (a frame takes
+ * the lock several times a pixel). */
 class Trace_Capture {
 public:
     struct Line {
@@ -27,16 +21,22 @@ public:
         std::string text;
     };
     explicit Trace_Capture(bool with_lock = true);
-    ~Trace_Capture();
-    std::vector<Line> lines() const;
+    ~Trace_Capture() { Corekit_Set_Trace_Sink(nullptr, nullptr); }
+    std::vector<Line> lines() const
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        return lines_;
+    }
     std::vector<std::string> texts() const;
-    /* Lines whose text contains needle. */
-    size_t count(const std::string& needle) const;
-    bool has(const std::string& text) const;   /* an exact line */
-    void clear();
+    size_t count(const std::string& needle) const;   /* lines that contain needle */
+    bool has(const std::string& text) const;          /* an exact line */
+    void clear()
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        lines_.clear();
+    }
 
 private:
-    static void sink(unsigned int flags, const char* line, void* context);
     bool with_lock_;
     mutable std::mutex lock_;
     std::vector<Line> lines_;
@@ -49,21 +49,16 @@ struct Watched_Box {
     std::condition_variable cv;
     int draws = 0;
     Watched_Box(int W, int H);
-    /* Waits up to 60 s for n redraws in all. */
-    bool wait_draws(int n);
-    int count();
+    bool wait_draws(int n);   /* up to 60 s for n redraws in all */
+    int count()
+    {
+        std::lock_guard<std::mutex> g(m);
+        return draws;
+    }
 };
 
-/*
- * Entries of a directory such as /proc/self/fd or /proc/self/task, or -1.
- * Only Linux has /proc: elsewhere every count is -1 (comparisons of a
- * count before and after hold), and a test that needs the numbers
- * themselves skips with SKIP_WITHOUT_PROC().
- */
+/* Entries of a directory such as /proc/self/fd, or -1 (no /proc: then counts before and after still agree). */
 int count_dir(const char* path);
-#define SKIP_WITHOUT_PROC()                          \
-    if (count_dir("/proc/self/task") < 0)            \
-    GTEST_SKIP() << "counts threads and descriptors in /proc, which only Linux has"
 
 /* Threads of the process, once a sanitizer's helper thread (started with the first thread) runs. */
 int count_tasks();

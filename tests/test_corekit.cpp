@@ -1,6 +1,7 @@
 /* The host stand-ins as the library uses them: matrices, trace lines, paths, random draws, boxes. */
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <random>
 #include <thread>
 
@@ -31,13 +32,10 @@ TEST(Matrix, InverseOfAffineAndSwappedMatricesAndZeroForSingular)
     std::uniform_real_distribution<float> ang(-3.1f, 3.1f), sc(0.2f, 4.0f), tr(-50.0f, 50.0f);
     for (int n = 0; n < 100; n++) {
         Matrix_4x4 m;
-        m.rot_x(ang(rng), combine_after);
-        m.rot_y(ang(rng), combine_after);
-        m.scale(sc(rng), sc(rng), sc(rng), combine_after);
-        m.rot_z(ang(rng), combine_after);
+        m.rot_x(ang(rng), combine_after), m.rot_y(ang(rng), combine_after);
+        m.scale(sc(rng), sc(rng), sc(rng), combine_after), m.rot_z(ang(rng), combine_after);
         m.translate(tr(rng), tr(rng), tr(rng), combine_after);
-        expect_identity(!m, m);
-        expect_identity(m, !m);
+        expect_identity(!m, m), expect_identity(m, !m);
     }
     Matrix_4x4 swap, flat; /* a zero on the diagonal needs a row exchange */
     swap[0][0] = swap[1][1] = 0;
@@ -50,10 +48,8 @@ TEST(Matrix, InverseOfAffineAndSwappedMatricesAndZeroForSingular)
 TEST(Matrix, CombineOrderRowVectorsAndFloatCopy)
 {
     Matrix_4x4 after, before;
-    after.scale(2, 2, 2, combine_after); /* scale, then translate */
-    after.translate(10, 0, 0, combine_after);
-    before.scale(2, 2, 2); /* the default, combine_before: translate, then scale */
-    before.translate(10, 0, 0);
+    after.scale(2, 2, 2, combine_after), after.translate(10, 0, 0, combine_after); /* scale, then translate */
+    before.scale(2, 2, 2), before.translate(10, 0, 0); /* the default, combine_before: translate, then scale */
     Vector_4 p(1, 1, 1, 1), q = p, dir(1, 1, 1, 0); /* row vectors; a direction ignores translation */
     p *= after, q *= before, dir *= after;
     EXPECT_EQ(std::vector<float>({p.x, q.x, dir.x, p.y}), std::vector<float>({12, 22, 2, 2}));
@@ -81,10 +77,9 @@ TEST(ErrorFct, FormatsAndDeliversUtf8FromBothOverloads)
 TEST(ErrorFct, ListeningOnlyWhileASinkIsInstalledAndNoFormattingWithout)
 {
     EXPECT_EQ(Corekit_Trace_Listening(), 0);
-    {
-        Trace_Capture cap;
-        EXPECT_NE(Corekit_Trace_Listening(), 0);
-    }
+    std::unique_ptr<Trace_Capture> cap(new Trace_Capture);
+    EXPECT_NE(Corekit_Trace_Listening(), 0);
+    cap.reset();
     EXPECT_EQ(Corekit_Trace_Listening(), 0);
     /* a format that would crash if formatted: %ls given a bad pointer */
     EXPECT_EQ(Error_Fct(hwnd, 1, "%ls %hs", reinterpret_cast<const wchar_t*>(1), counted()), 0);
@@ -127,7 +122,7 @@ TEST(Corekit, PathsRandomDrawsAndErrnoText)
     Corekit_Set_Random([] { return 0.25f; });
     EXPECT_EQ(Fct_Random_Float(), 0.25f);
     Corekit_Set_Random(nullptr);
-    EXPECT_NE(Fct_Random_Float(), Fct_Random_Float());
+    EXPECT_NE(Fct_Random_Float(), Fct_Random_Float());   /* the library's own draws again */
     EXPECT_NE(std::wstring(Error_Perror(ENOENT)).find(L"No such file"), std::wstring::npos);
 }
 
@@ -135,12 +130,11 @@ TEST(Panelkit, BoxBufferDrawAndMessageWithoutHandler)
 {
     Boxs box(3, 2);
     ASSERT_NE(box.Graph_Normal, nullptr);
-    for (int i = 0; i < 6; i++) EXPECT_EQ(box.Graph_Normal[i], 0u);
+    EXPECT_EQ(std::vector<unsigned>(box.Graph_Normal, box.Graph_Normal + 6), std::vector<unsigned>(6, 0u));
     int calls = 0;
     box.draw_context = &calls;
     box.draw_handler = [](Boxs*, void* c) { (*static_cast<int*>(c))++; };
-    box.Draw();
-    Boxs().Draw(); /* no handler: nothing happens */
+    box.Draw(), Boxs().Draw(); /* the second has no handler: nothing happens */
     EXPECT_EQ(calls, 1);
     /* with a handler installed: CudaCheckDeathTest */
     testing::internal::CaptureStderr();

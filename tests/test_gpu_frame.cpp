@@ -21,16 +21,13 @@
 TEST(GpuPixel, DeviceFormDiffersFromCpuOnlyByIntegerAccumulation)
 {
     Scene_Phantom p;
-    Scene_Sphere(p, 40, 36, 30);
-    Scene_Install(3, p);
-    Scene_Params();
+    Scene_Sphere(p, 40, 36, 30), Scene_Install(3, p), Scene_Params();
     unsigned int phong[RAY_PHONG_SIZE];
     Ray_Phong_Build(Phong_table = phong);
     Corekit_Set_Random([] { return 1.0f; });
     Ray_Thread_Run = 1;
     Matrix_4x4 view;
-    view.rot_x(0.4f);
-    view.rot_y(-0.3f);
+    view.rot_x(0.4f), view.rot_y(-0.3f);
     Scene_Bind(3, 48, 40, view);
     std::vector<unsigned int> dev(48 * 40);
     Ray_Device_Frame_Host(3, 48, 40, p.grad, dev.data());
@@ -45,8 +42,7 @@ TEST(GpuPixel, DeviceFormDiffersFromCpuOnlyByIntegerAccumulation)
         }
     }
     EXPECT_GT(compared, 500);
-    Scene_Uninstall(3);
-    Phong_table = nullptr;
+    Scene_Uninstall(3), Phong_table = nullptr;
 }
 
 #if defined(VOXELUNE_WITH_CUDA)
@@ -59,21 +55,18 @@ TEST(GpuFrame, BlockSizeOutOfRangeRefused)
     Ray_Volume.box[3] = &box;
     for (unsigned short block : {0, 1025, 65535}) {
         Trace_Capture trace;
-        Cuda_Thread_Block = block;
-        Ray_Cuda(3);
+        Cuda_Thread_Block = block, Ray_Cuda(3);
         EXPECT_EQ(trace.count("ERROR: Ray_Cuda(id=3): the CUDA block size must be 1 to 1024"), 1u) << block;
         EXPECT_EQ(box.Graph_Normal[5], 0x12345678u);
     }
-    Cuda_Thread_Block = 256;
-    Ray_Volume.box[3] = nullptr;
+    Cuda_Thread_Block = 256, Ray_Volume.box[3] = nullptr;
 }
 
 TEST(GpuFrame, FramesEqualTheDeviceFormOnTheHost)
 {
     int devices = 0;
     if (cudaGetDeviceCount(&devices) != cudaSuccess || devices == 0) GTEST_SKIP() << "no CUDA device";
-    Ray_Init(2);
-    Corekit_Set_Cuda_Permission(1);
+    Ray_Init(2), Corekit_Set_Cuda_Permission(1);
     Scene_Phantom p;
     Scene_Sphere(p, 64, 56, 48);
     const int s = 7;
@@ -96,13 +89,10 @@ TEST(GpuFrame, FramesEqualTheDeviceFormOnTheHost)
     for (const auto& sc : scenes) {
         SCOPED_TRACE(sc.name);
         Cuda_Thread_Block = sc.block;
-        Ray_Set_Color_Scheme(sc.col_mode);
-        Ray_Set_Threshold(sc.threshold);
-        Ray_Set_Rotation(sc.rot[0], sc.rot[1], sc.rot[2]);
+        Ray_Set_Color_Scheme(sc.col_mode), Ray_Set_Threshold(sc.threshold), Ray_Set_Rotation(sc.rot[0], sc.rot[1], sc.rot[2]);
         Matrix_4x4 v = Ray_Params.view_transfo;
         v.scale(sc.scale, sc.scale, sc.scale);
-        Ray_Set_Transfo(&v);
-        Ray_Set_Clip(sc.depth);
+        Ray_Set_Transfo(&v), Ray_Set_Clip(sc.depth);
         Ray_Set_Clip(s, sc.box[0], sc.box[1], sc.box[2], sc.box[3], sc.box[4], sc.box[5]);
         Watched_Box box(sc.w, sc.h);
         std::fill(box.box.Graph_Normal, box.box.Graph_Normal + sc.w * sc.h, 0xDEADBEEFu);   /* all must be written */
@@ -112,8 +102,7 @@ TEST(GpuFrame, FramesEqualTheDeviceFormOnTheHost)
         Ray_Device_Frame_Host(s, sc.w, sc.h, nullptr, want.data());
         EXPECT_TRUE(std::equal(want.begin(), want.end(), box.box.Graph_Normal));
     }
-    Cuda_Thread_Block = 256;
-    Ray_Exit();
+    Cuda_Thread_Block = 256, Ray_Exit();
 }
 
 #endif

@@ -45,9 +45,9 @@ struct Result {
     }
     bool same(const float* mean, float* const* grad) const   // bit for bit
     {
-        int n = static_cast<int>(b[0].size());
-        return Same_Bits(mean, b[0].data(), n) && Same_Bits(grad[0], g[0], n) && Same_Bits(grad[1], g[1], n) &&
-               Same_Bits(grad[2], g[2], n) && Same_Bits(grad[3], g[3], n);
+        bool same = Same_Bits(mean, b[0].data(), int(b[0].size()));
+        for (int k = 0; k < 4; k++) same = same && Same_Bits(grad[k], g[k], int(b[0].size()));
+        return same;
     }
 };
 
@@ -100,8 +100,7 @@ TEST(Preproc, KnownVolumes)
     mean = Ray_Vol_Filter(1, 1, 1, &one);
     g = Ray_Vol_Gradient(1, 1, 1, &one);
     EXPECT_TRUE(mean[0] == one && g[0][0] == 0.0f && g[1][0] == 0.0f && g[2][0] == 0.0f && g[3][0] == 0.0f);
-    Ray_Vol_Release(mean);
-    Ray_Grad_Release(g);
+    Ray_Vol_Release(mean), Ray_Grad_Release(g);
 }
 
 // The gradient's sums in their written order, on random values (an inside and a corner voxel).
@@ -145,8 +144,7 @@ TEST(Preproc, FastPathBitIdenticalToScalar)
             float* mean = Ray_Vol_Filter(d.x, d.y, d.z, v.data());
             float** g = Ray_Vol_Gradient(d.x, d.y, d.z, v.data());
             EXPECT_TRUE(ref.same(mean, g));
-            Ray_Vol_Release(mean);
-            Ray_Grad_Release(g);
+            Ray_Vol_Release(mean), Ray_Grad_Release(g);
             continue;
         }
         for (int threads : {1, 3}) {
@@ -173,16 +171,13 @@ TEST(Preproc, TracesRefusalsAndAllocationFailures)
     float* mean = Ray_Vol_Filter(2, 2, 2, v);
     Ray_Grad_Release(Ray_Vol_Gradient(2, 2, 2, mean));
     Ray_Vol_Release(mean);
-    const std::vector<std::string> expect = {
-        ">>> in  Voxelune: Ray_Vol_Filter()", "<<< out Voxelune: Ray_Vol_Filter(done)",
-        ">>> in  Voxelune: Ray_Vol_Gradient()", "<<< out Voxelune: Ray_Vol_Gradient(done)"};
-    EXPECT_EQ(trace.texts(), expect);
+    EXPECT_EQ(trace.texts(), (std::vector<std::string>{">>> in  Voxelune: Ray_Vol_Filter()", "<<< out Voxelune: Ray_Vol_Filter(done)",
+                                                       ">>> in  Voxelune: Ray_Vol_Gradient()", "<<< out Voxelune: Ray_Vol_Gradient(done)"}));
     for (const Trace_Capture::Line& l : trace.lines()) EXPECT_EQ(l.flags, 0x90002006u);
     float* empty = Ray_Vol_Filter(4, 4, 0, nullptr);   // no slice: nothing computed, a buffer all the same
     float** g = Ray_Vol_Gradient(4, 4, 0, nullptr);
     EXPECT_TRUE(empty && g);
-    Ray_Vol_Release(empty);
-    Ray_Grad_Release(g);
+    Ray_Vol_Release(empty), Ray_Grad_Release(g);
 
     trace.clear();
     EXPECT_EQ(Ray_Vol_Filter(-2, 2, 1, v), nullptr);
@@ -217,12 +212,10 @@ TEST(PreprocPath, MemoryThresholds)
         {1, 1000, 5, 4, 20001, 1024, 1}};
     for (const auto& c : cases) {
         Corekit_Set_Cuda_Permission(c.allowed);
-        g_free_bytes = c.free;
-        Cuda_Thread_Block = c.block;
+        g_free_bytes = c.free, Cuda_Thread_Block = c.block;
         EXPECT_EQ(Ray_Prep_Use_Gpu(c.n, c.factor, c.unit), c.gpu) << c.n << " " << c.factor << " " << c.free;
     }
-    Cuda_Thread_Block = 256;
-    Ray_Gpu_Free_Memory_Hook = nullptr;
+    Cuda_Thread_Block = 256, Ray_Gpu_Free_Memory_Hook = nullptr;
 }
 
 // With room on the device the GPU path is taken.  Where a device exists its
@@ -245,15 +238,13 @@ TEST(PreprocPath, GpuPathBitIdentical)
             EXPECT_TRUE(trace.has("<<< out Voxelune: Ray_Vol_Filter(Cuda)") &&
                         trace.has("<<< out Voxelune: Ray_Vol_Gradient(Cuda)"));   // the device path ran
             EXPECT_TRUE(ref.same(mean, g));
-            Ray_Grad_Release(g);
-            Ray_Vol_Release(mean);
+            Ray_Grad_Release(g), Ray_Vol_Release(mean);
         }
         Cuda_Thread_Block = 256;
         return;
     }
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    Ray_Gpu_Free_Memory_Hook = Fake_Free;
-    g_free_bytes = uint64_t(d.n()) * 20 + 1;
+    Ray_Gpu_Free_Memory_Hook = Fake_Free, g_free_bytes = uint64_t(d.n()) * 20 + 1;
     EXPECT_EXIT(Ray_Vol_Filter(d.x, d.y, d.z, v.data()), ::testing::ExitedWithCode(0), "cudaMemcpyToSymbol\\[cst_dim\\]");
     EXPECT_EXIT(Ray_Vol_Gradient(d.x, d.y, d.z, v.data()), ::testing::ExitedWithCode(0), "cudaMemcpyToSymbol\\[cst_dim\\]");
     Ray_Gpu_Free_Memory_Hook = nullptr;
@@ -268,7 +259,6 @@ TEST(PreprocPath, WrappedCoordinatesStayInside)
     unsigned int dim[3] = {unsigned(dx), 2, 1};
     short x, y, z;
     Ray_Voxel_Coords(35000, dim, &x, &y, &z);
-    EXPECT_EQ(x, static_cast<short>(35000));
-    EXPECT_EQ(Ray_Filter_Voxel(Ray_Filter_Kern, v.data(), dx, 2, 1, x, y, z), 0.0f);
-    EXPECT_EQ(Ray_Grad_Voxel(v.data(), dx, 2, 1, x, y, z, v[35000]).a, 0.0f);
+    EXPECT_TRUE(x == static_cast<short>(35000) && Ray_Filter_Voxel(Ray_Filter_Kern, v.data(), dx, 2, 1, x, y, z) == 0.0f &&
+                Ray_Grad_Voxel(v.data(), dx, 2, 1, x, y, z, v[35000]).a == 0.0f);
 }

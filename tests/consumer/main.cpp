@@ -4,6 +4,7 @@
 #include <panelkit/panelkit.h>
 #include <voxelune/voxelune.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -17,29 +18,22 @@ static std::mutex g_lock;
 static std::condition_variable g_cv;
 static int g_draws;
 
-static void sink(unsigned int, const char* line, void*)
-{
-    std::lock_guard<std::mutex> guard(g_lock);
-    g_lines.push_back(line);
-}
-
 static bool has(const std::string& text)
 {
     std::lock_guard<std::mutex> guard(g_lock);
-    for (const std::string& l : g_lines)
-        if (l == text) return true;
-    return false;
+    return std::find(g_lines.begin(), g_lines.end(), text) != g_lines.end();
 }
 
-static int fail(const char* what)
-{
-    std::fprintf(stderr, "consumer: %s\n", what);
-    return 1;
-}
+static int fail(const char* what) { return std::fprintf(stderr, "consumer: %s\n", what), 1; }
 
 int main()
 {
-    Corekit_Set_Trace_Sink(sink, nullptr);
+    Corekit_Set_Trace_Sink(
+        [](unsigned int, const char* line, void*) {
+            std::lock_guard<std::mutex> guard(g_lock);
+            g_lines.push_back(line);
+        },
+        nullptr);
     Corekit_Set_Cuda_Permission(0);
     char* version = Get_Version_Ray(nullptr);
     if (!version || !std::strstr(version, ".dll 1.0 (rev-a)")) return fail("version text");
@@ -50,15 +44,13 @@ int main()
         !has(">>> in  Voxelune: Critical_Ray_Create()"))
         return fail("Ray_Init trace lines");
 
-    const int n = 16;
+    const int n = 16;   /* a ball of radius 6 */
     std::vector<float> gli(n * n * n);
     std::vector<unsigned char> tag(n * n * n, 0);
-    for (int z = 0; z < n; z++)
-        for (int y = 0; y < n; y++)
-            for (int x = 0; x < n; x++) {
-                float dx = x - 7.5f, dy = y - 7.5f, dz = z - 7.5f;
-                gli[(z * n + y) * n + x] = dx * dx + dy * dy + dz * dz < 36 ? 1.0f : 0.0f;
-            }
+    for (int i = 0; i < n * n * n; i++) {
+        float dx = i % n - 7.5f, dy = i / n % n - 7.5f, dz = i / (n * n) - 7.5f;
+        gli[i] = dx * dx + dy * dy + dz * dz < 36 ? 1.0f : 0.0f;
+    }
     Ray_Set_Volume(1, n, n, n, gli.data(), tag.data());
     Vector_4 dir(0, 0, 1, 0);
     Ray_Set_Light(0, 1, 0x808080, &dir);
@@ -80,8 +72,7 @@ int main()
             return fail("no complete frame");
     }
     int lit = 0;
-    for (int i = 0; i < 64 * 64; i++)
-        if ((box.Graph_Normal[i] & 0xFFFFFF) != 0) lit++;
+    for (int i = 0; i < 64 * 64; i++) lit += (box.Graph_Normal[i] & 0xFFFFFF) != 0;
     Ray_Stop(0);
     Ray_Exit();
     Corekit_Set_Trace_Sink(nullptr, nullptr);

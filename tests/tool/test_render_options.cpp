@@ -1,7 +1,4 @@
-/*
- * voxelune-render's pieces in process: options, compositing, file names, the grey-level window,
- * tags and raw element types.
- */
+/* voxelune-render's pieces in process: options, compositing, file names, grey-level window, tags, raw types. */
 #include "render_frame.h"
 #include "render_options.h"
 #include "render_png.h"
@@ -66,19 +63,17 @@ TEST(RenderPixels, CompositeOverTheBackground)
     const unsigned int cases[][3] = {{0x00000000u, 0x336699, 0x336699}, {0xFF000000u, 0x336699, 0x336699},
                                      {0x00102030u, 0xFFFFFF, 0x102030}, {0x33102030u, 0xFFFFFF, 0x435363},
                                      {0xFFF02030u, 0xFF0000, 0xFF2030}};
-    for (const auto& c : cases)
-        EXPECT_EQ(c[2], Render_Composite(c[0], c[1])) << std::hex << c[0];
+    for (const auto& c : cases) EXPECT_EQ(c[2], Render_Composite(c[0], c[1])) << std::hex << c[0];
 }
 
 TEST(RenderNames, FramesAndLevelsCarryTheirIndex)
 {
-    EXPECT_EQ("out/v.png", Render_Frame_Name("out/v.png", 0, 1));
-    EXPECT_EQ("out/v_007.png", Render_Frame_Name("out/v.png", 7, 12));
-    EXPECT_EQ("a.b/v_000", Render_Frame_Name("a.b/v", 0, 2));
-    EXPECT_EQ(".hidden_001", Render_Frame_Name(".hidden", 1, 2));
-    EXPECT_EQ("v_0999.png", Render_Frame_Name("v.png", 999, 1001));
-    EXPECT_EQ("p/v_level2.png", Render_Level_Name("p", "out/v.png", 0, 1, 2));
-    EXPECT_EQ("p/v_003_level1.png", Render_Level_Name("p/", "v.png", 3, 10, 1));
+    EXPECT_EQ((std::vector<std::string>{Render_Frame_Name("out/v.png", 0, 1), Render_Frame_Name("out/v.png", 7, 12),
+                                        Render_Frame_Name("a.b/v", 0, 2), Render_Frame_Name(".hidden", 1, 2),
+                                        Render_Frame_Name("v.png", 999, 1001), Render_Level_Name("p", "out/v.png", 0, 1, 2),
+                                        Render_Level_Name("p/", "v.png", 3, 10, 1)}),
+              (std::vector<std::string>{"out/v.png", "out/v_007.png", "a.b/v_000", ".hidden_001", "v_0999.png",
+                                        "p/v_level2.png", "p/v_003_level1.png"}));
 }
 
 TEST(RenderWindow, MapsFiniteRangeKeepsNanAndRefusesNoRange)
@@ -100,8 +95,7 @@ TEST(RenderWindow, MapsFiniteRangeKeepsNanAndRefusesNoRange)
     EXPECT_EQ(0, Render_Apply_Window(&v, true, 7, 7, &error));
     std::vector<unsigned char> t;
     EXPECT_EQ(1, Render_Make_Tags({0, 1, 255}, &t, &error));
-    for (float tag : {256.0f, -1.0f, 1.5f, NAN})
-        EXPECT_EQ(0, Render_Make_Tags({tag}, &t, &error)) << tag;
+    for (float tag : {256.0f, -1.0f, 1.5f, NAN}) EXPECT_EQ(0, Render_Make_Tags({tag}, &t, &error)) << tag;
 }
 
 TEST(RenderRaw, EveryTypeAndByteOrder)

@@ -1,8 +1,4 @@
-/*
- * tool_test_util.h - helpers of the voxelune-render tests: a scratch
- * directory that removes itself, small files, and the built tool run as
- * a subprocess with its output captured.
- */
+/* tool_test_util.h - a scratch directory, small files, and the built voxelune-render run as a subprocess. */
 #ifndef VOXELUNE_TESTS_TOOL_TEST_UTIL_H
 #define VOXELUNE_TESTS_TOOL_TEST_UTIL_H
 
@@ -22,8 +18,7 @@ inline std::vector<std::string> List_Dir(const std::string& dir)
 {
     std::vector<std::string> names;
     std::error_code ec;
-    for (const auto& e : std::filesystem::directory_iterator(dir, ec))
-        names.push_back(e.path().filename());
+    for (const auto& e : std::filesystem::directory_iterator(dir, ec)) names.push_back(e.path().filename());
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -36,18 +31,11 @@ struct Scratch_Dir {
         char tmpl[] = "/tmp/voxelune-tool-XXXXXX";
         path = mkdtemp(tmpl) ? tmpl : "/tmp/voxelune-tool-none";
     }
-    ~Scratch_Dir()
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(path, ec);
-    }
+    ~Scratch_Dir() { std::error_code ec; std::filesystem::remove_all(path, ec); }
     std::string operator/(const std::string& name) const { return path + "/" + name; }
 };
 
-inline void Write_Bytes(const std::string& path, const std::string& bytes)
-{
-    std::ofstream(path, std::ios::binary) << bytes;
-}
+inline void Write_Bytes(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
 
 inline std::string Read_Text(const std::string& path)
 {
@@ -65,15 +53,12 @@ struct Tool_Result {
 inline Tool_Result Run_Tool(const std::vector<std::string>& args, const std::string& cwd)
 {
     char out[] = "/tmp/voxelune-tool-out-XXXXXX", err[] = "/tmp/voxelune-tool-err-XXXXXX";
-    close(mkstemp(out));
-    close(mkstemp(err));
+    close(mkstemp(out)), close(mkstemp(err));
     std::string command = "cd '" + cwd + "' && exec '" VOXELUNE_RENDER_EXE "'";
-    for (const std::string& a : args)
-        command += " '" + a + "'";
+    for (const std::string& a : args) command += " '" + a + "'";
     int status = std::system((command + " >" + out + " 2>" + err).c_str());
     Tool_Result r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, Read_Text(out), Read_Text(err)};
-    unlink(out);
-    unlink(err);
+    unlink(out), unlink(err);
     return r;
 }
 
