@@ -816,6 +816,7 @@ struct Ray_Plain_Sampler {
     }
     VX_HD bool bound(const float*, float*, float*) const { return false; }
     VX_HD void begin(const Rays*) {}
+    VX_HD void prefetch(const int*) const {}
     VX_HD bool leap(const int*, const Ray_Zero_Rule&) { return false; }
     VX_HD void at(const float* pos) { Ray_Interp_Setup<F>(&st, pos, sc.dim); }
     VX_HD float a() const { return Ray_Interp_Apply<F>(&st, sc.grad_a); }
@@ -884,6 +885,7 @@ VX_HD inline unsigned int Ray_DDDA_Walk(Rays* ray, const Ray_Scene& sc, Run& run
             t_prev = t;
             continue;
         }
+        smp.prefetch(v);   /* the next sample lies in the voxel just entered */
 
         /* Depth clip, then the clip box. */
         unsigned int fl =

@@ -297,15 +297,16 @@ TEST_F(Requests, ZeroSizeBox)
     Ray_Start(&flat.box, 3);
     ASSERT_TRUE(eventually([&] { return trace.has("-> Ray_Thread_Ctrl(): Start ray id:3, res:20x0"); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    int draws = big.count(), cast = casts;
+    /* a redraw the old frame asked for may still reach the slot's new box (the draw thread draws the bound box) */
+    int draws = big.count() + flat.count(), cast = casts;
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_EQ(big.count(), draws);
+    EXPECT_EQ(big.count() + flat.count(), draws);
     EXPECT_EQ(casts.load(), cast);
     for (const char* l : {"-> Ray_Thread_Ctrl(): Dim changed 0x20", "-> Ray_Thread_Ctrl(): Start ray id:4, res:0x20",
                           "-> Ray_Thread_Ctrl(): Dim changed 20x0"})
         EXPECT_TRUE(trace.has(l)) << l;
     EXPECT_EQ(trace.count("refused"), 0u);
-    EXPECT_EQ(idle.count() + flat.count(), 0);
+    EXPECT_EQ(idle.count(), 0);
     Critical_Ray_In("test");
     for (int s : {3, 4}) EXPECT_TRUE(Ray_Thread_Next[s] == -1 && Ray_Thread_Level_Nb[s] == 1 && !Ray_Thread_I[s]) << s;
     Critical_Ray_Out("test");
