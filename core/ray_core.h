@@ -402,11 +402,9 @@ struct Ray_Stencil {
     float wx[2], wy[2], wz[2];
 };
 
-/* Neighbours and weights of one axis. */
-template <int F>
-VX_HD inline void Ray_Interp_Axis(float p, int* lo, float* w)
+/* Neighbours and weights of one axis at p, with n = p truncated toward zero in the form's conversion. */
+VX_HD inline void Ray_Interp_Axis_At(float p, int n, int* lo, float* w)
 {
-    int n = Ray_F2I<F>(p);
     float f = p - static_cast<float>(n);
     if (f < 0.5f) {
         lo[0] = Ray_Sub32(n, 1);
@@ -419,6 +417,13 @@ VX_HD inline void Ray_Interp_Axis(float p, int* lo, float* w)
         w[0] = 1.5f - f;
         w[1] = f - 0.5f;
     }
+}
+
+/* Neighbours and weights of one axis. */
+template <int F>
+VX_HD inline void Ray_Interp_Axis(float p, int* lo, float* w)
+{
+    Ray_Interp_Axis_At(p, Ray_F2I<F>(p), lo, w);
 }
 
 template <int F>

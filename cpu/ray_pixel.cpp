@@ -105,7 +105,13 @@ struct Ray_Layout_Sampler {
     const Ray_Render_Layout& L;
     size_t corner[8];   /* offset of each corner from the stencil's first, in floats */
     float val[8];
-    /* Set by bound() for the sample that at() then reads: its block holds no NaN. */
+    /*
+     * Set by bound() for the sample that at() then reads: its point's
+     * integer parts (the stencil's cell) when known, and whether its block
+     * holds no NaN.
+     */
+    int cell[3];
+    bool cell_known = false;
     bool no_nan = false;
 
     Ray_Layout_Sampler(const Ray_Scene& scene, const Ray_Render_Layout& layout) : sc(scene), L(layout)
@@ -166,13 +172,15 @@ struct Ray_Layout_Sampler {
          * Weights lie in [0, 1] only for points at or above 0: every sign
          * bit clear (a NaN that passes converts out of range below).
          */
-        no_nan = false;
+        no_nan = cell_known = false;
         unsigned int sign[3];
         memcpy(sign, pos, sizeof sign);
         if ((sign[0] | sign[1] | sign[2]) >> 31) return false;
+        for (int a = 0; a < 3; a++) cell[a] = Ray_F2I<RAY_CPU>(pos[a]);
+        cell_known = true;
         unsigned int n[3];
         for (int a = 0; a < 3; a++) {
-            n[a] = static_cast<unsigned int>(Ray_F2I<RAY_CPU>(pos[a]));
+            n[a] = static_cast<unsigned int>(cell[a]);
             if (n[a] >= static_cast<unsigned int>(L.dim[a])) return false;
         }
         size_t b = (static_cast<size_t>(n[2] >> RAY_BLOCK_SHIFT) * static_cast<size_t>(L.bdim[1]) +
@@ -191,7 +199,10 @@ struct Ray_Layout_Sampler {
         float w[3][2];
         unsigned int inside = 1;
         for (int a = 0; a < 3; a++) {
-            Ray_Interp_Axis<RAY_CPU>(pos[a], lo[a], w[a]);
+            if (cell_known)
+                Ray_Interp_Axis_At(pos[a], cell[a], lo[a], w[a]);
+            else
+                Ray_Interp_Axis<RAY_CPU>(pos[a], lo[a], w[a]);
             /* both neighbours in [0, dim) */
             inside &= static_cast<unsigned int>(lo[a][0]) < static_cast<unsigned int>(L.dim[a] - 1);
         }
