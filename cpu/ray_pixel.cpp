@@ -123,6 +123,14 @@ struct Ray_Layout_Sampler {
 
     bool missing() const { return false; }
 
+    /* The block that holds voxel (x, y, z), all in [0, dim). */
+    size_t block_of(unsigned int x, unsigned int y, unsigned int z) const
+    {
+        return (static_cast<size_t>(z >> RAY_BLOCK_SHIFT) * static_cast<size_t>(L.bdim[1]) + (y >> RAY_BLOCK_SHIFT)) *
+                   static_cast<size_t>(L.bdim[0]) +
+               (x >> RAY_BLOCK_SHIFT);
+    }
+
     /*
      * The sample of a walk step lies in the voxel the DDA leaves, give or
      * take the rounding of its point and the DDA's truncated increments:
@@ -144,10 +152,7 @@ struct Ray_Layout_Sampler {
     bool leap(const int* v, const Ray_Zero_Rule& z)
     {
         if (!leap_ok) return false;
-        size_t b = (static_cast<size_t>(v[2] >> RAY_BLOCK_SHIFT) * static_cast<size_t>(L.bdim[1]) +
-                    static_cast<size_t>(v[1] >> RAY_BLOCK_SHIFT)) *
-                       static_cast<size_t>(L.bdim[0]) +
-                   static_cast<size_t>(v[0] >> RAY_BLOCK_SHIFT);
+        size_t b = block_of(v[0], v[1], v[2]);
         if (b != leap_block) {
             leap_block = b;
             leap_zero = Ray_Alpha_Is_Zero_Any_Tag(z, L.block[b].a_near, L.block[b].g_near);
@@ -183,10 +188,7 @@ struct Ray_Layout_Sampler {
             n[a] = static_cast<unsigned int>(cell[a]);
             if (n[a] >= static_cast<unsigned int>(L.dim[a])) return false;
         }
-        size_t b = (static_cast<size_t>(n[2] >> RAY_BLOCK_SHIFT) * static_cast<size_t>(L.bdim[1]) +
-                    static_cast<size_t>(n[1] >> RAY_BLOCK_SHIFT)) *
-                       static_cast<size_t>(L.bdim[0]) +
-                   static_cast<size_t>(n[0] >> RAY_BLOCK_SHIFT);
+        size_t b = block_of(n[0], n[1], n[2]);
         *a_hi = L.block[b].a_hi;
         *g_hi = L.block[b].g_hi;
         no_nan = (L.block[b].flags & RAY_BLOCK_NO_NAN) != 0;
