@@ -26,6 +26,7 @@
 #include <cstring>
 #include <cwchar>
 
+#include "cpu/ray_packet.h"
 #include "cpu/ray_pixel.h"
 #include "cpu/ray_dispatch_state.h"
 #include "voxelune/voxelune_layout.h"
@@ -527,7 +528,13 @@ static Ray_Byte_Verdict worker_run(int i, const char* tag, unsigned char* buf)
             }
         }
 
-        /* Choose the slot with most tasks left and take its next task. */
+        /*
+         * Choose the slot with most tasks left and take its next task; with
+         * the library's own pixel and no trace sink listening, its next
+         * tasks of the slot up to a packet of rays, walked together.
+         */
+        Ray_Pixel_Fn pixel = Ray_Dispatch_Pixel.load(std::memory_order_relaxed);
+        int batch_max = (pixel == &Ray_Pixel_View && Corekit_Trace_Listening() == 0) ? RAY_PACKET_LANES : 1;
         Critical_Ray_In(tag);
         int next;
         int s = Ray_Choose_Slot(Ray_Thread_Next, &next);
@@ -538,32 +545,43 @@ static Ray_Byte_Verdict worker_run(int i, const char* tag, unsigned char* buf)
             Ray_Trace(RAY_TR_RENDER, "-> Ray_Thread_Ray(%d): Finish", i);
             return RAY_VERDICT_WORK;
         }
-        int t = next;
-        Ray_Thread_Next[s] = t - 1;
-        int x = Ray_Thread_I[s][t];
-        int y = Ray_Thread_J[s][t];
-        int w = Ray_Thread_W[s][t];
-        int h = Ray_Thread_H[s][t];
-        int level = task_level(s, t);
+        int nb = next + 1 < batch_max ? next + 1 : batch_max;
+        int x[RAY_PACKET_LANES], y[RAY_PACKET_LANES], w[RAY_PACKET_LANES], h[RAY_PACKET_LANES];
+        int level[RAY_PACKET_LANES];
+        for (int k = 0; k < nb; k++) {
+            int t = next - k;
+            x[k] = Ray_Thread_I[s][t];
+            y[k] = Ray_Thread_J[s][t];
+            w[k] = Ray_Thread_W[s][t];
+            h[k] = Ray_Thread_H[s][t];
+            level[k] = task_level(s, t);
+        }
+        Ray_Thread_Next[s] = next - nb;
         /* the binding as one unit: Ray_Start rewrites it under this lock */
         Ray_View view;
         Ray_View_Of(s, static_cast<int>(Ray_Volume.box_w[s]), static_cast<int>(Ray_Volume.box_h[s]), &view);
-        Ray_Thread_Flight[s].fetch_add(1, std::memory_order_relaxed);
+        Ray_Thread_Flight[s].fetch_add(nb, std::memory_order_relaxed);
         Critical_Ray_Out(tag);
 
         /* Cast, without the lock. */
-        unsigned int colour = Ray_Dispatch_Pixel.load(std::memory_order_relaxed)(s, view, x, y);
+        unsigned int colour[RAY_PACKET_LANES];
+        if (nb == 1)
+            colour[0] = pixel(s, view, x[0], y[0]);
+        else
+            Ray_Pixels_View(s, view, nb, x, y, colour);
 
-        /* Count the task, write its block, note the levels it completes. */
+        /* Count the tasks, write their blocks, note the levels they complete. */
         int levels[32];
         int nb_levels = 0;
         Critical_Ray_In(tag);
-        int old = Ray_Thread_Left[s]--;
-        block_fill(s, x, y, w, h, colour, level);
-        for (int v = Ray_Thread_Level_Nb[s]; v >= 1 && nb_levels < 32; v--)
-            if (old == Ray_Thread_Seminal_Val[s][v - 1]) levels[nb_levels++] = v;
+        for (int k = 0; k < nb; k++) {
+            int old = Ray_Thread_Left[s]--;
+            block_fill(s, x[k], y[k], w[k], h[k], colour[k], level[k]);
+            for (int v = Ray_Thread_Level_Nb[s]; v >= 1 && nb_levels < 32; v--)
+                if (old == Ray_Thread_Seminal_Val[s][v - 1]) levels[nb_levels++] = v;
+        }
         draw_owed[s].fetch_add(nb_levels, std::memory_order_relaxed);
-        Ray_Thread_Flight[s].fetch_sub(1, std::memory_order_release);
+        Ray_Thread_Flight[s].fetch_sub(nb, std::memory_order_release);
         Critical_Ray_Out(tag);
 
         /* One draw record per completed level, coarsest first. */

@@ -14,6 +14,7 @@
 
 #include "core/ray_scene.h"
 #include "core/ray_state.h"
+#include "cpu/ray_packet.h"
 #include "cpu/ray_render_layout.h"
 
 /* ------------------------------------------------------------ stop request */
@@ -30,6 +31,8 @@ bool Ray_Run_Locked::operator()() const
 struct Ray_Run_Atomic {
     bool operator()() const { return Ray_Thread_Run.load(std::memory_order_acquire) != 0; }
 };
+
+static bool run_flag() { return Ray_Run_Atomic()(); }
 
 /* ---------------------------------------------------- the layout sampler */
 
@@ -306,6 +309,131 @@ unsigned int Ray_Pixel(int slot, int i, int j, int W, int H)
     Ray_View view;
     Ray_View_Of(slot, W, H, &view);
     return Ray_Pixel_View(slot, view, i, j);
+}
+
+/* --------------------------------------------------- a batch of pixels */
+
+bool Ray_Packet_Available()
+{
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__CUDACC__)
+    static const bool avx2 = __builtin_cpu_supports("avx2");
+    return avx2;
+#else
+    return false;
+#endif
+}
+
+/* The packet walk's stencils across the faces: the layout sampler's own. */
+static void face_sample(const Ray_Render_Layout* layout, const float* pos, float* val)
+{
+    Ray_Scene unused = {};
+    Ray_Layout_Sampler smp(unused, *layout);
+    smp.at(pos);
+    for (int ch = 0; ch < RAY_CH_NB; ch++) val[ch] = smp.val[ch];
+}
+
+/*
+ * Whether the packet walk computes the rays of scene sc: a render layout
+ * whose channel offsets fit its 32-bit lanes, no clip box, colour mode 0
+ * or 1, a finite threshold, no trace sink, a processor with AVX2.
+ */
+static bool packet_fits(int slot, const Ray_Scene& sc, bool listening)
+{
+    const Ray_Render_Layout* L = Ray_Volume.render[slot];
+    if (!L || listening || !Ray_Packet_Available()) return false;
+    double floats = static_cast<double>(L->dim[0]) * L->dim[1] * L->dim[2] * RAY_CH_NB;
+    Ray_Zero_Rule z = Ray_Zero_Rule_Of(sc);
+    return floats < 2147483647.0 && !(sc.vol_flag & 0x80u) && sc.col_mode <= 1 && z.known && sc.tag;
+}
+
+static void packet_scene(int slot, const Ray_Scene& sc, Ray_Packet_Scene* ps)
+{
+    ps->layout = Ray_Volume.render[slot];
+    ps->tag = sc.tag;
+    ps->map_col = sc.map_col;
+    ps->tag_col = sc.tag_col;
+    ps->tag_colours = sc.col_mode != 0;
+    ps->clip = sc.clip;
+    ps->cut = sc.threshold - 0.1f;
+    ps->light_nb = sc.light_nb < 5 ? sc.light_nb : 5;
+    for (int i = 0; i < 5; i++) {
+        ps->light_on[i] = sc.light_status[i];
+        ps->light_color[i] = sc.light_color[i];
+        ps->light_dir[i][0] = sc.light_dir_x[i * sc.light_stride];
+        ps->light_dir[i][1] = sc.light_dir_y[i * sc.light_stride];
+        ps->light_dir[i][2] = sc.light_dir_z[i * sc.light_stride];
+    }
+    ps->phong = sc.phong;
+    ps->run = &run_flag;
+    ps->face = &face_sample;
+}
+
+void Ray_Pixels_View(int slot, const Ray_View& view, int n, const int* i, const int* j, unsigned int* out)
+{
+    if (slot < 0 || slot >= RAY_SLOTS) {
+        for (int k = 0; k < n; k++) out[k] = Ray_Pixel_View(slot, view, i[k], j[k]);
+        return;
+    }
+    Ray_Scene sc;
+    Ray_Scene_Of(&sc, slot, view.clip_box, Ray_Params.threshold, Ray_Volume.clip[slot]);
+    bool packets = packet_fits(slot, sc, Corekit_Trace_Listening() != 0);
+    Ray_Packet_Scene ps;
+    if (packets) packet_scene(slot, sc, &ps);
+    const Ray_Render_Layout* L = Ray_Volume.render[slot];
+
+    Rays lane[RAY_PACKET_LANES];
+    int lane_pixel[RAY_PACKET_LANES];
+    int lanes = 0;
+    unsigned int words[RAY_PACKET_LANES];
+    const float low[3] = {0.0f, 0.0f, 0.0f};
+    const float high[3] = {static_cast<float>(sc.dim[0]), static_cast<float>(sc.dim[1]),
+                           static_cast<float>(sc.dim[2])};
+    for (int k = 0; k < n; k++) {
+        /* The ray through the pixel, jittered by two draws taken pixel by pixel, as one at a time. */
+        float r1 = Fct_Random_Float();
+        float r2 = Fct_Random_Float();
+        float eye[3], d[3], inv_len;
+        Ray_Pixel_Ray(view.m, i[k], j[k], view.w, view.h, r1, r2, eye, d, &inv_len);
+        Vector_4 dir(d[0], d[1], d[2], 0.0f);
+        dir *= inv_len;
+        const float unit[3] = {dir.x, dir.y, dir.z};
+        if (!packets) {
+            out[k] = with_policies(slot, sc, [&](auto& run, auto& smp) { return Ray_Cast<RAY_CPU>(eye, unit, sc, run, smp); });
+            continue;
+        }
+        /* Entry and set-up as Ray_Cast's; the walk in a packet where its sampler would leap. */
+        float start[3] = {eye[0], eye[1], eye[2]};
+        float entry = Ray_DDDA_Origin<RAY_CPU>(start, unit, low, high);
+        if (entry >= RAY_MISS) {
+            out[k] = 0;
+            continue;
+        }
+        Rays ray = {};
+        Ray_DDDA_Param<RAY_CPU>(&ray, start, unit, low, high);
+        ray.entry = entry;
+        for (int a = 0; a < 3; a++) {
+            ray.org[a] = eye[a];
+            ray.dir[a] = unit[a];
+        }
+        Ray_Layout_Sampler probe(sc, *L);
+        probe.begin(&ray);
+        if (!probe.leap_ok) {
+            Ray_Run_Atomic run;
+            out[k] = Ray_DDDA_Walk<RAY_CPU>(&ray, sc, run, probe);
+            continue;
+        }
+        lane[lanes] = ray;
+        lane_pixel[lanes++] = k;
+        if (lanes == RAY_PACKET_LANES) {
+            Ray_Packet_Walk(ps, lane, lanes, words);
+            for (int l = 0; l < lanes; l++) out[lane_pixel[l]] = words[l];
+            lanes = 0;
+        }
+    }
+    if (lanes > 0) {
+        Ray_Packet_Walk(ps, lane, lanes, words);
+        for (int l = 0; l < lanes; l++) out[lane_pixel[l]] = words[l];
+    }
 }
 
 /* ------------------------------------------------ the walk's CPU forms */

@@ -40,6 +40,14 @@ void Ray_View_Of(int slot, int w, int h, Ray_View* view);
  */
 unsigned int Ray_Pixel_View(int slot, const Ray_View& view, int i, int j);
 
+/*
+ * The words of pixels (i[k], j[k]), k < n, of slot's frame in view, into
+ * out[k]: each the word Ray_Pixel_View gives, with the jitter draws taken
+ * pixel by pixel in the same order.  Where the processor and the scene
+ * allow, eight rays are walked at once.
+ */
+void Ray_Pixels_View(int slot, const Ray_View& view, int n, const int* i, const int* j, unsigned int* out);
+
 /* Ray_Pixel_View with the slot's binding as it stands, for a W x H box. */
 unsigned int Ray_Pixel(int slot, int i, int j, int W, int H);
 

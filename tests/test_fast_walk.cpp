@@ -123,10 +123,22 @@ TEST(FastWalk, SameWordAsThePlainWalk)
         g_draw[0] = rng.unit() * 2.0f - 1.0f, g_draw[1] = rng.unit() * 2.0f - 1.0f;
         for (int frame = 0; frame < 2; frame++) {
             if (frame == 1) Ray_Params.threshold = rng.unit();
-            int differ = 0;
-            for (int j = 0; j < H; j++)
-                for (int i = 0; i < W; i++) differ += Ray_Pixel(slot, i, j, W, H) != plain_pixel(slot, i, j, W, H);
+            int differ = 0, differ_rows = 0;
+            Ray_View view;
+            Ray_View_Of(slot, W, H, &view);
+            for (int j = 0; j < H; j++) {
+                int is[W], js[W];
+                unsigned int row[W];
+                for (int i = 0; i < W; i++) is[i] = i, js[i] = j;
+                Ray_Pixels_View(slot, view, W, is, js, row);
+                for (int i = 0; i < W; i++) {
+                    unsigned int want = plain_pixel(slot, i, j, W, H);
+                    differ += Ray_Pixel(slot, i, j, W, H) != want;
+                    differ_rows += row[i] != want;
+                }
+            }
             ASSERT_EQ(differ, 0) << "scene " << scene << " frame " << frame;
+            ASSERT_EQ(differ_rows, 0) << "rows: scene " << scene << " frame " << frame;
         }
         Scene_Uninstall(slot);
     }

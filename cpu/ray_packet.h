@@ -1,0 +1,50 @@
+/*
+ * ray_packet.h - eight rays of one batch walked side by side, one ray per
+ * lane of the processor's eight-wide registers.
+ *
+ * Each lane computes exactly what the one-ray walk over the render layout
+ * computes for its ray: the same float and integer operations in the same
+ * order, lane by lane, with no fused operation.  The packet covers the
+ * common scene (no clip box, colour mode 0 or 1, a finite threshold); the
+ * caller walks every other ray one at a time.  It is compiled for AVX2
+ * and runs only where the processor has it (Ray_Packet_Available).
+ */
+#ifndef VOXELUNE_CPU_RAY_PACKET_H
+#define VOXELUNE_CPU_RAY_PACKET_H
+
+#include "core/ray_core.h"
+#include "cpu/ray_render_layout.h"
+
+/* Rays a packet walks at once. */
+#define RAY_PACKET_LANES 8
+
+/* Everything the packet walk reads, taken once per batch of rays. */
+struct Ray_Packet_Scene {
+    const Ray_Render_Layout* layout;
+    const unsigned char* tag;        /* the volume's tags */
+    const unsigned char* map_col;    /* 256, by tag */
+    const unsigned int* tag_col;     /* 256, by colour index */
+    bool tag_colours;                /* col_mode 1: tags with a colour index take its colour */
+    float clip;                      /* depth clip distance */
+    float cut;                       /* threshold - 0.1 */
+    int light_nb;                    /* lights looked at: 0 to 5 (light 0 is the ambient one) */
+    unsigned char light_on[5];
+    unsigned int light_color[5];
+    float light_dir[5][3];
+    const unsigned int* phong;       /* 1024 entries */
+    bool (*run)();                   /* the stop request, asked once per step of the packet */
+    /* The five channels at pos of a stencil that crosses the volume's faces. */
+    void (*face)(const Ray_Render_Layout* layout, const float* pos, float* val);
+};
+
+/* Whether this processor runs the packet walk. */
+bool Ray_Packet_Available();
+
+/*
+ * Walks rays[0 .. n-1] (n <= RAY_PACKET_LANES, each set up by
+ * Ray_DDDA_Param with its entry, origin and direction filled in) and
+ * writes their pixel words into out.  Only where Ray_Packet_Available.
+ */
+void Ray_Packet_Walk(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsigned int* out);
+
+#endif
