@@ -7,6 +7,8 @@
  *   BM_Ray_Pixel_Frame     the frame through Ray_Pixel, as a ray worker
  *                          casts it: render layout, run flag read without
  *                          the lock (no trace sink listens)
+ *   BM_Ray_Packet_Frame    the frame in the workers' batches of eight
+ *                          pixels, walked side by side where AVX2 runs
  *   BM_Plain_Locked_Frame  the same rays through the plain walk over the
  *                          five separate volumes, the run flag read under
  *                          the lock at every step: the figure before the
@@ -23,6 +25,7 @@
 
 #include "core/ray_core.h"
 #include "core/ray_state.h"
+#include "cpu/ray_packet.h"
 #include "cpu/ray_pixel.h"
 #include "scene.h"
 
@@ -124,6 +127,29 @@ void BM_Ray_Pixel_Frame(benchmark::State& state)
     report(state, f.samples);
 }
 BENCHMARK(BM_Ray_Pixel_Frame)->Unit(benchmark::kMillisecond);
+
+/* The frame in the pipeline's batches: eight pixels of a row at a time (rays walked side by side). */
+void BM_Ray_Packet_Frame(benchmark::State& state)
+{
+    Frame_Setup& f = frame();
+    Ray_View view;
+    Ray_View_Of(k_slot, k_w, k_h, &view);
+    if (!Ray_Packet_Available()) state.SkipWithError("no AVX2: the batch walks one ray at a time");
+    uint64_t sum = 0;
+    for (auto _ : state) {
+        for (int j = 0; j < k_h; j++)
+            for (int i = 0; i < k_w; i += RAY_PACKET_LANES) {
+                int is[RAY_PACKET_LANES], js[RAY_PACKET_LANES];
+                unsigned int word[RAY_PACKET_LANES];
+                for (int k = 0; k < RAY_PACKET_LANES; k++) is[k] = i + k, js[k] = j;
+                Ray_Pixels_View(k_slot, view, RAY_PACKET_LANES, is, js, word);
+                for (int k = 0; k < RAY_PACKET_LANES; k++) sum += word[k];
+            }
+    }
+    benchmark::DoNotOptimize(sum);
+    report(state, f.samples);
+}
+BENCHMARK(BM_Ray_Packet_Frame)->Unit(benchmark::kMillisecond);
 
 void BM_Plain_Locked_Frame(benchmark::State& state)
 {

@@ -121,13 +121,21 @@ inline I8 block_of(const Ray_Render_Layout& L, const I8* v)
 /* The bound fields of blocks b (Ray_Block_Bound, five 32-bit words each). */
 const int k_block_words = sizeof(Ray_Block_Bound) / 4;
 static_assert(sizeof(Ray_Block_Bound) == 5 * 4, "a block bound is five 32-bit words");
+static_assert(sizeof(Ray_Block_Grey) == 2 * 4, "a folded grey bound is two words");
 inline F8 block_field(const Ray_Render_Layout& L, I8 b, int word, I8 m)
 {
     return gather(reinterpret_cast<const float*>(L.block) + word, mul(b, i8(k_block_words)), m);
 }
 
-/* Ray_Alpha_Is_Zero_Any_Tag for colour modes 0 and 1 with a finite threshold. */
-inline I8 zero_any_tag(F8 a_hi, F8 g_hi, F8 cut) { return or_(f_le(a_hi, f8(0.0f)), f_le(g_hi, cut)); }
+/*
+ * Ray_Alpha_Is_Zero_Any_Tag for colour modes 0 and 1 with a finite
+ * threshold, from the folded bound (own or near) of blocks b.
+ */
+inline I8 zero_any_tag(const Ray_Render_Layout& L, I8 b, bool near, F8 cut, I8 m)
+{
+    const float* base = reinterpret_cast<const float*>(L.grey) + (near ? 1 : 0);
+    return and_(f_le(gather(base, _mm256_slli_epi32(b, 1), m), cut), m);
+}
 
 /*
  * Channels 0 to 4 of the voxel at at[l] + off, lane l from at[l]: eight
@@ -296,7 +304,7 @@ void Ray_Packet_Walk(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
 
         /* The one-ray walk's leap: the near bounds of the block the sample lies in. */
         I8 b = block_of(L, here);
-        I8 leap = and_(zero_any_tag(block_field(L, b, 2, r.active), block_field(L, b, 3, r.active), cut), r.active);
+        I8 leap = zero_any_tag(L, b, true, cut, r.active);
         I8 smp = andnot(leap, r.active);
         /* Depth clip. */
         smp = andnot(f_gt(clip, add(mul(to_f(r.t_prev), f8(RAY_DDA_TO_LEN)), r.entry)), smp);
@@ -320,11 +328,12 @@ void Ray_Packet_Walk(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
                 bounded = and_(bounded, below(cell[a], dim[a]));
             }
             I8 bs = block_of(L, cell);
-            F8 a_hi = block_field(L, bs, 0, bounded);
-            F8 g_hi = block_field(L, bs, 1, bounded);
-            I8 flags = _mm256_castps_si256(block_field(L, bs, 4, bounded));
-            I8 no_nan = and_(bounded, gt(and_(flags, i8(RAY_BLOCK_NO_NAN)), i8(0)));
-            smp = andnot(and_(bounded, zero_any_tag(a_hi, g_hi, cut)), smp);
+            I8 no_nan = bounded;
+            if (L.any_nan) {
+                I8 flags = _mm256_castps_si256(block_field(L, bs, 4, bounded));
+                no_nan = and_(bounded, gt(and_(flags, i8(RAY_BLOCK_NO_NAN)), i8(0)));
+            }
+            smp = andnot(zero_any_tag(L, bs, false, cut, bounded), smp);
 
             int todo = any(smp);
             if (todo) {

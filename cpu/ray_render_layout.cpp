@@ -150,6 +150,13 @@ static void build_bounds(Ray_Render_Layout* L)
         }
     }
     widen(L);
+    size_t nb = static_cast<size_t>(bx) * by * bz;
+    for (size_t b = 0; b < nb; b++) {
+        const Ray_Block_Bound& o = L->block[b];
+        L->grey[b].own = o.a_hi <= 0.0f ? -INFINITY : o.g_hi;
+        L->grey[b].near = o.a_near <= 0.0f ? -INFINITY : o.g_near;
+        L->any_nan = L->any_nan || !(o.flags & RAY_BLOCK_NO_NAN);
+    }
 }
 
 Ray_Render_Layout* Ray_Render_Layout_Build(int dx, int dy, int dz, const float* gli, float* const* grad)
@@ -170,7 +177,10 @@ Ray_Render_Layout* Ray_Render_Layout_Build(int dx, int dy, int dz, const float* 
     if (L->voxel)
         L->block = static_cast<Ray_Block_Bound*>(Ray_Malloc(nb * sizeof(Ray_Block_Bound), __LINE__, RAY_SRC,
                                                             "Ray_Render_Layout.block", static_cast<int>(nb), 20));
-    if (!L->block) {
+    if (L->block)
+        L->grey = static_cast<Ray_Block_Grey*>(Ray_Malloc(nb * sizeof(Ray_Block_Grey), __LINE__, RAY_SRC,
+                                                          "Ray_Render_Layout.grey", static_cast<int>(nb), 8));
+    if (!L->grey) {
         Ray_Render_Layout_Release(L);
         return nullptr;
     }
@@ -192,6 +202,7 @@ void Ray_Render_Layout_Release(Ray_Render_Layout* L)
     if (!L) return;
     free(L->voxel);
     free(L->block);
+    free(L->grey);
     free(L);
 }
 
@@ -200,5 +211,5 @@ size_t Ray_Render_Layout_Bytes(const Ray_Render_Layout* L)
     if (!L) return 0;
     size_t n = static_cast<size_t>(L->dim[0]) * L->dim[1] * L->dim[2];
     size_t nb = static_cast<size_t>(L->bdim[0]) * L->bdim[1] * L->bdim[2];
-    return sizeof *L + (n * RAY_CH_NB + RAY_LAYOUT_PAD) * sizeof(float) + nb * sizeof(Ray_Block_Bound);
+    return sizeof *L + (n * RAY_CH_NB + RAY_LAYOUT_PAD) * sizeof(float) + nb * (sizeof(Ray_Block_Bound) + sizeof(Ray_Block_Grey));
 }

@@ -43,11 +43,25 @@ struct Ray_Block_Bound {
 };
 #define RAY_BLOCK_NO_NAN 1u
 
+/*
+ * The same bounds folded for the colour modes that weigh by grey level
+ * (0 and 1), where a sample is transparent when its magnitude is 0 or its
+ * grey level at or below the cut: a grey bound at or below which every
+ * sample of the block is transparent, -inf where the magnitude bound is 0
+ * (any finite cut then passes).  One word per question for the packets.
+ */
+struct Ray_Block_Grey {
+    float own;    /* a_hi <= 0 ? -inf : g_hi */
+    float near;   /* a_near <= 0 ? -inf : g_near */
+};
+
 struct Ray_Render_Layout {
     int dim[3];
     int bdim[3];               /* blocks per axis */
     float* voxel;              /* RAY_CH_NB floats per voxel, then RAY_LAYOUT_PAD */
     Ray_Block_Bound* block;    /* bdim[0] * bdim[1] * bdim[2], x fastest */
+    Ray_Block_Grey* grey;      /* the same blocks */
+    bool any_nan;              /* some block's stencils hold a NaN */
 };
 
 /*
