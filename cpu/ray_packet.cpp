@@ -58,6 +58,17 @@ inline I8 gather(const int* base, I8 index, I8 m)
     return _mm256_mask_i32gather_epi32(_mm256_setzero_si256(), base, index, m, 4);
 }
 
+/*
+ * The bytes p[index] of lanes m: four bytes read from at most three before
+ * (never before p, so the array needs four bytes at least), then shifted.
+ */
+inline I8 byte_gather(const unsigned char* p, I8 index, I8 m)
+{
+    I8 from = _mm256_max_epi32(sub(index, i8(3)), _mm256_setzero_si256());
+    I8 word = _mm256_mask_i32gather_epi32(_mm256_setzero_si256(), reinterpret_cast<const int*>(p), from, m, 1);
+    return and_(_mm256_srlv_epi32(word, _mm256_slli_epi32(sub(index, from), 3)), i8(0xFF));
+}
+
 /* Ray_Clamp01: 0 at or below 0, 1 at or above 1, NaN passes. */
 inline F8 clamp01(F8 x)
 {
@@ -196,6 +207,7 @@ void interpolate(const Ray_Packet_Scene& ps, const F8* pos, const I8* cell, I8 m
         for (int l = 0; l < 8; l++) at[l] = L.voxel + first[l];
         const size_t row = static_cast<size_t>(L.dim[0]), slice = row * static_cast<size_t>(L.dim[1]);
         bool nans = (any(andnot(no_nan, full)) != 0);
+#pragma GCC unroll 8
         for (int c = 0; c < 8; c++) {
             const size_t off = ((c & 1) + ((c & 2) ? row : 0) + ((c & 4) ? slice : 0)) * RAY_CH_NB;
             F8 v[RAY_CH_NB];
@@ -280,8 +292,6 @@ void Ray_Packet_Walk(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
     const I8 dim[3] = {i8(L.dim[0]), i8(L.dim[1]), i8(L.dim[2])};
     const F8 cut = f8(ps.cut);
     const F8 clip = f8(ps.clip);
-    alignas(32) int lane_vox[3][8];
-    alignas(32) int lane_base[8];
 
     while (any(r.active)) {
         /* The nearest crossing (ties to x, then y), its bound, the step into the next voxel. */
@@ -300,7 +310,7 @@ void Ray_Packet_Walk(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
         /* Leave the volume; a stop request ends every ray. */
         for (int a = 0; a < 3; a++) r.active = and_(r.active, below(r.vox[a], dim[a]));
         if (!any(r.active)) break;
-        if (!ps.run()) break;
+        if (ps.run->load(std::memory_order_acquire) == 0) break;
 
         /* The one-ray walk's leap: the near bounds of the block the sample lies in. */
         I8 b = block_of(L, here);
@@ -338,18 +348,10 @@ void Ray_Packet_Walk(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
             int todo = any(smp);
             if (todo) {
                 /* The tag of the voxel entered and its base colour. */
-                for (int a = 0; a < 3; a++) _mm256_store_si256(reinterpret_cast<I8*>(lane_vox[a]), r.vox[a]);
-                for (int l = 0; l < 8; l++) {
-                    lane_base[l] = 0;
-                    if (!((todo >> l) & 1)) continue;
-                    unsigned int at = (static_cast<unsigned int>(L.dim[1]) * static_cast<unsigned int>(lane_vox[2][l]) +
-                                       static_cast<unsigned int>(lane_vox[1][l])) *
-                                          static_cast<unsigned int>(L.dim[0]) +
-                                      static_cast<unsigned int>(lane_vox[0][l]);
-                    unsigned char mc = ps.map_col[ps.tag[at]];
-                    lane_base[l] = static_cast<int>((mc != 0 && ps.tag_colours) ? ps.tag_col[mc] : 0xFFFFFFu);
-                }
-
+                I8 at = add(mul(add(mul(i8(L.dim[1]), r.vox[2]), r.vox[1]), i8(L.dim[0])), r.vox[0]);
+                I8 mc = byte_gather(ps.map_col, byte_gather(ps.tag, at, smp), smp);
+                I8 coloured = andnot(_mm256_cmpeq_epi32(mc, i8(0)), ps.tag_colours ? smp : i8(0));
+                I8 base = sel(coloured, gather(reinterpret_cast<const int*>(ps.tag_col), mc, coloured), i8(0xFFFFFF));
                 /* Opacity of colour modes 0 and 1. */
                 F8 val[RAY_CH_NB];
                 interpolate(ps, pos, cell, smp, no_nan, val);
@@ -360,7 +362,7 @@ void Ray_Packet_Walk(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
                     /* Shading and front-to-back compositing. */
                     const F8 nrm[3] = {val[RAY_CH_X], val[RAY_CH_Y], val[RAY_CH_Z]};
                     I8 ch[3];
-                    shade(ps, _mm256_load_si256(reinterpret_cast<const I8*>(lane_base)), nrm, r.dir, lit, ch);
+                    shade(ps, base, nrm, r.dir, lit, ch);
                     for (int k = 0; k < 3; k++)
                         r.col[k] = sel(lit, add(r.col[k], mul(mul(to_f(ch[k]), alpha), r.T)), r.col[k]);
                     F8 keep = sub(f8(1.0f), alpha);

@@ -5,12 +5,15 @@
  * Each lane computes exactly what the one-ray walk over the render layout
  * computes for its ray: the same float and integer operations in the same
  * order, lane by lane, with no fused operation.  The packet covers the
- * common scene (no clip box, colour mode 0 or 1, a finite threshold); the
+ * common scene (no clip box, colour mode 0 or 1, a finite threshold, at
+ * least four voxels); the
  * caller walks every other ray one at a time.  It is compiled for AVX2
  * and runs only where the processor has it (Ray_Packet_Available).
  */
 #ifndef VOXELUNE_CPU_RAY_PACKET_H
 #define VOXELUNE_CPU_RAY_PACKET_H
+
+#include <atomic>
 
 #include "core/ray_core.h"
 #include "cpu/ray_render_layout.h"
@@ -32,7 +35,7 @@ struct Ray_Packet_Scene {
     unsigned int light_color[5];
     float light_dir[5][3];
     const unsigned int* phong;       /* 1024 entries */
-    bool (*run)();                   /* the stop request, asked once per step of the packet */
+    const std::atomic<int>* run;     /* the run flag, read once per step of the packet */
     /* The five channels at pos of a stencil that crosses the volume's faces. */
     void (*face)(const Ray_Render_Layout* layout, const float* pos, float* val);
 };

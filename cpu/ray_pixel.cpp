@@ -32,7 +32,6 @@ struct Ray_Run_Atomic {
     bool operator()() const { return Ray_Thread_Run.load(std::memory_order_acquire) != 0; }
 };
 
-static bool run_flag() { return Ray_Run_Atomic()(); }
 
 /* ---------------------------------------------------- the layout sampler */
 
@@ -334,7 +333,7 @@ static void face_sample(const Ray_Render_Layout* layout, const float* pos, float
 
 /*
  * Whether the packet walk computes the rays of scene sc: a render layout
- * whose channel offsets fit its 32-bit lanes, no clip box, colour mode 0
+ * whose channel offsets fit its 32-bit lanes and of four voxels at least, no clip box, colour mode 0
  * or 1, a finite threshold, no trace sink, a processor with AVX2.
  */
 static bool packet_fits(int slot, const Ray_Scene& sc, bool listening)
@@ -343,7 +342,7 @@ static bool packet_fits(int slot, const Ray_Scene& sc, bool listening)
     if (!L || listening || !Ray_Packet_Available()) return false;
     double floats = static_cast<double>(L->dim[0]) * L->dim[1] * L->dim[2] * RAY_CH_NB;
     Ray_Zero_Rule z = Ray_Zero_Rule_Of(sc);
-    return floats < 2147483647.0 && !(sc.vol_flag & 0x80u) && sc.col_mode <= 1 && z.known && sc.tag;
+    return floats < 2147483647.0 && floats >= 4.0 * RAY_CH_NB && !(sc.vol_flag & 0x80u) && sc.col_mode <= 1 && z.known && sc.tag;
 }
 
 static void packet_scene(int slot, const Ray_Scene& sc, Ray_Packet_Scene* ps)
@@ -364,7 +363,7 @@ static void packet_scene(int slot, const Ray_Scene& sc, Ray_Packet_Scene* ps)
         ps->light_dir[i][2] = sc.light_dir_z[i * sc.light_stride];
     }
     ps->phong = sc.phong;
-    ps->run = &run_flag;
+    ps->run = &Ray_Thread_Run;
     ps->face = &face_sample;
 }
 
