@@ -132,21 +132,23 @@ inline I8 block_of(const Ray_Render_Layout& L, const I8* v)
 /* The bound fields of blocks b (Ray_Block_Bound, five 32-bit words each). */
 const int k_block_words = sizeof(Ray_Block_Bound) / 4;
 static_assert(sizeof(Ray_Block_Bound) == 5 * 4, "a block bound is five 32-bit words");
-static_assert(sizeof(Ray_Block_Grey) == 2 * 4, "a folded grey bound is two words");
 inline F8 block_field(const Ray_Render_Layout& L, I8 b, int word, I8 m)
 {
     return gather(reinterpret_cast<const float*>(L.block) + word, mul(b, i8(k_block_words)), m);
 }
 
 /*
- * Ray_Alpha_Is_Zero_Any_Tag for colour modes 0 and 1 with a finite
- * threshold, from the folded bound (own or near) of blocks b.
+ * The folded grey bounds of blocks b in table t, lanes m (each entry read
+ * as the low half of a 32-bit word: the table has one more).
  */
-inline I8 zero_any_tag(const Ray_Render_Layout& L, I8 b, bool near, F8 cut, I8 m)
+inline F8 grey_bound(const Ray_Grey16* t, I8 b, I8 m)
 {
-    const float* base = reinterpret_cast<const float*>(L.grey) + (near ? 1 : 0);
-    return and_(f_le(gather(base, _mm256_slli_epi32(b, 1), m), cut), m);
+    I8 word = _mm256_mask_i32gather_epi32(_mm256_setzero_si256(), reinterpret_cast<const int*>(t), b, m, 2);
+    return _mm256_castsi256_ps(_mm256_slli_epi32(word, 16));
 }
+
+/* Ray_Alpha_Is_Zero_Any_Tag for colour modes 0 and 1 with a finite threshold, from a folded bound. */
+inline I8 zero_any_tag(F8 bound, F8 cut, I8 m) { return and_(f_le(bound, cut), m); }
 
 /*
  * Channels 0 to 4 of the voxel at at[l] + off, lane l from at[l]: eight
@@ -293,9 +295,10 @@ void Ray_Packet_Walk(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
     const F8 cut = f8(ps.cut);
     const F8 clip = f8(ps.clip);
 
+    /* The near bound of the block the next sample lies in, asked for a step ahead. */
+    F8 near = grey_bound(L.grey_near, block_of(L, r.vox), r.active);
     while (any(r.active)) {
         /* The nearest crossing (ties to x, then y), its bound, the step into the next voxel. */
-        const I8 here[3] = {r.vox[0], r.vox[1], r.vox[2]};
         I8 m0 = and_(le(r.t_max[0], r.t_max[1]), le(r.t_max[0], r.t_max[2]));
         I8 m1 = andnot(m0, le(r.t_max[1], r.t_max[2]));
         I8 m2 = andnot(or_(m0, m1), ones());
@@ -312,9 +315,8 @@ void Ray_Packet_Walk(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
         if (!any(r.active)) break;
         if (ps.run->load(std::memory_order_acquire) == 0) break;
 
-        /* The one-ray walk's leap: the near bounds of the block the sample lies in. */
-        I8 b = block_of(L, here);
-        I8 leap = zero_any_tag(L, b, true, cut, r.active);
+        /* The one-ray walk's leap: the near bound of the block the sample lies in (the voxel left). */
+        I8 leap = zero_any_tag(near, cut, r.active);
         I8 smp = andnot(leap, r.active);
         /* Depth clip. */
         smp = andnot(f_gt(clip, add(mul(to_f(r.t_prev), f8(RAY_DDA_TO_LEN)), r.entry)), smp);
@@ -343,15 +345,18 @@ void Ray_Packet_Walk(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
                 I8 flags = _mm256_castps_si256(block_field(L, bs, 4, bounded));
                 no_nan = and_(bounded, gt(and_(flags, i8(RAY_BLOCK_NO_NAN)), i8(0)));
             }
-            smp = andnot(zero_any_tag(L, bs, false, cut, bounded), smp);
+            smp = andnot(zero_any_tag(grey_bound(L.grey_own, bs, bounded), cut, bounded), smp);
 
             int todo = any(smp);
             if (todo) {
                 /* The tag of the voxel entered and its base colour. */
-                I8 at = add(mul(add(mul(i8(L.dim[1]), r.vox[2]), r.vox[1]), i8(L.dim[0])), r.vox[0]);
-                I8 mc = byte_gather(ps.map_col, byte_gather(ps.tag, at, smp), smp);
-                I8 coloured = andnot(_mm256_cmpeq_epi32(mc, i8(0)), ps.tag_colours ? smp : i8(0));
-                I8 base = sel(coloured, gather(reinterpret_cast<const int*>(ps.tag_col), mc, coloured), i8(0xFFFFFF));
+                I8 base = i8(0xFFFFFF);
+                if (ps.tag_colours) {
+                    I8 at = add(mul(add(mul(i8(L.dim[1]), r.vox[2]), r.vox[1]), i8(L.dim[0])), r.vox[0]);
+                    I8 mc = byte_gather(ps.map_col, byte_gather(ps.tag, at, smp), smp);
+                    I8 coloured = andnot(_mm256_cmpeq_epi32(mc, i8(0)), smp);
+                    base = sel(coloured, gather(reinterpret_cast<const int*>(ps.tag_col), mc, coloured), base);
+                }
                 /* Opacity of colour modes 0 and 1. */
                 F8 val[RAY_CH_NB];
                 interpolate(ps, pos, cell, smp, no_nan, val);
@@ -374,6 +379,7 @@ void Ray_Packet_Walk(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
             }
         }
         r.t_prev = sel(r.active, t, r.t_prev);
+        near = grey_bound(L.grey_near, block_of(L, r.vox), r.active);
     }
 
     /* The pixel words. */

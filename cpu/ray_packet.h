@@ -27,7 +27,7 @@ struct Ray_Packet_Scene {
     const unsigned char* tag;        /* the volume's tags */
     const unsigned char* map_col;    /* 256, by tag */
     const unsigned int* tag_col;     /* 256, by colour index */
-    bool tag_colours;                /* col_mode 1: tags with a colour index take its colour */
+    bool tag_colours;                /* col_mode 1 and some tag has a colour index: it takes its colour */
     float clip;                      /* depth clip distance */
     float cut;                       /* threshold - 0.1 */
     int light_nb;                    /* lights looked at: 0 to 5 (light 0 is the ambient one) */

@@ -351,7 +351,10 @@ static void packet_scene(int slot, const Ray_Scene& sc, Ray_Packet_Scene* ps)
     ps->tag = sc.tag;
     ps->map_col = sc.map_col;
     ps->tag_col = sc.tag_col;
-    ps->tag_colours = sc.col_mode != 0;
+    /* Without a tag that has a colour index, every base colour is white: the tags need not be read. */
+    bool indexed = false;
+    for (int t = 0; t < 256; t++) indexed = indexed || sc.map_col[t] != 0;
+    ps->tag_colours = sc.col_mode != 0 && indexed;
     ps->clip = sc.clip;
     ps->cut = sc.threshold - 0.1f;
     ps->light_nb = sc.light_nb < 5 ? sc.light_nb : 5;

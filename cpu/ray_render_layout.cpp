@@ -153,10 +153,20 @@ static void build_bounds(Ray_Render_Layout* L)
     size_t nb = static_cast<size_t>(bx) * by * bz;
     for (size_t b = 0; b < nb; b++) {
         const Ray_Block_Bound& o = L->block[b];
-        L->grey[b].own = o.a_hi <= 0.0f ? -INFINITY : o.g_hi;
-        L->grey[b].near = o.a_near <= 0.0f ? -INFINITY : o.g_near;
+        L->grey_own[b] = Ray_Grey16_Of(o.a_hi <= 0.0f ? -INFINITY : o.g_hi);
+        L->grey_near[b] = Ray_Grey16_Of(o.a_near <= 0.0f ? -INFINITY : o.g_near);
         L->any_nan = L->any_nan || !(o.flags & RAY_BLOCK_NO_NAN);
     }
+    L->grey_own[nb] = L->grey_near[nb] = 0;
+}
+
+Ray_Grey16 Ray_Grey16_Of(float bound)
+{
+    unsigned int u;
+    memcpy(&u, &bound, sizeof u);
+    /* a positive value with bits below the top 16 goes up one step; a negative one truncates up */
+    if (!(u >> 31) && (u & 0xFFFFu)) u += 0x10000u;
+    return static_cast<Ray_Grey16>(u >> 16);
 }
 
 Ray_Render_Layout* Ray_Render_Layout_Build(int dx, int dy, int dz, const float* gli, float* const* grad)
@@ -178,9 +188,12 @@ Ray_Render_Layout* Ray_Render_Layout_Build(int dx, int dy, int dz, const float* 
         L->block = static_cast<Ray_Block_Bound*>(Ray_Malloc(nb * sizeof(Ray_Block_Bound), __LINE__, RAY_SRC,
                                                             "Ray_Render_Layout.block", static_cast<int>(nb), 20));
     if (L->block)
-        L->grey = static_cast<Ray_Block_Grey*>(Ray_Malloc(nb * sizeof(Ray_Block_Grey), __LINE__, RAY_SRC,
-                                                          "Ray_Render_Layout.grey", static_cast<int>(nb), 8));
-    if (!L->grey) {
+        L->grey_own = static_cast<Ray_Grey16*>(Ray_Malloc((nb + 1) * sizeof(Ray_Grey16), __LINE__, RAY_SRC,
+                                                           "Ray_Render_Layout.grey_own", static_cast<int>(nb + 1), 2));
+    if (L->grey_own)
+        L->grey_near = static_cast<Ray_Grey16*>(Ray_Malloc((nb + 1) * sizeof(Ray_Grey16), __LINE__, RAY_SRC,
+                                                            "Ray_Render_Layout.grey_near", static_cast<int>(nb + 1), 2));
+    if (!L->grey_near) {
         Ray_Render_Layout_Release(L);
         return nullptr;
     }
@@ -202,7 +215,8 @@ void Ray_Render_Layout_Release(Ray_Render_Layout* L)
     if (!L) return;
     free(L->voxel);
     free(L->block);
-    free(L->grey);
+    free(L->grey_own);
+    free(L->grey_near);
     free(L);
 }
 
@@ -211,5 +225,5 @@ size_t Ray_Render_Layout_Bytes(const Ray_Render_Layout* L)
     if (!L) return 0;
     size_t n = static_cast<size_t>(L->dim[0]) * L->dim[1] * L->dim[2];
     size_t nb = static_cast<size_t>(L->bdim[0]) * L->bdim[1] * L->bdim[2];
-    return sizeof *L + (n * RAY_CH_NB + RAY_LAYOUT_PAD) * sizeof(float) + nb * (sizeof(Ray_Block_Bound) + sizeof(Ray_Block_Grey));
+    return sizeof *L + (n * RAY_CH_NB + RAY_LAYOUT_PAD) * sizeof(float) + nb * sizeof(Ray_Block_Bound) + 2 * (nb + 1) * sizeof(Ray_Grey16);
 }

@@ -48,19 +48,19 @@ struct Ray_Block_Bound {
  * (0 and 1), where a sample is transparent when its magnitude is 0 or its
  * grey level at or below the cut: a grey bound at or below which every
  * sample of the block is transparent, -inf where the magnitude bound is 0
- * (any finite cut then passes).  One word per question for the packets.
+ * (any finite cut then passes).  Kept as the top 16 bits of the float,
+ * rounded toward +inf (so still a bound), in two small tables that the
+ * packets read with one gather per question.
  */
-struct Ray_Block_Grey {
-    float own;    /* a_hi <= 0 ? -inf : g_hi */
-    float near;   /* a_near <= 0 ? -inf : g_near */
-};
-
+typedef unsigned short Ray_Grey16;
+Ray_Grey16 Ray_Grey16_Of(float bound);
 struct Ray_Render_Layout {
     int dim[3];
     int bdim[3];               /* blocks per axis */
     float* voxel;              /* RAY_CH_NB floats per voxel, then RAY_LAYOUT_PAD */
     Ray_Block_Bound* block;    /* bdim[0] * bdim[1] * bdim[2], x fastest */
-    Ray_Block_Grey* grey;      /* the same blocks */
+    Ray_Grey16* grey_own;      /* per block: a_hi <= 0 ? -inf : g_hi, then one unused entry */
+    Ray_Grey16* grey_near;     /* per block: a_near <= 0 ? -inf : g_near, then one unused entry */
     bool any_nan;              /* some block's stencils hold a NaN */
 };
 
