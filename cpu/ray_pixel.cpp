@@ -352,8 +352,13 @@ static void packet_scene(int slot, const Ray_Scene& sc, Ray_Packet_Scene* ps)
     ps->map_col = sc.map_col;
     ps->tag_col = sc.tag_col;
     /* Without a tag that has a colour index, every base colour is white: the tags need not be read. */
-    bool indexed = false;
-    for (int t = 0; t < 256; t++) indexed = indexed || sc.map_col[t] != 0;
+    unsigned long long any = 0;
+    for (int k = 0; k < 32; k++) {
+        unsigned long long word;
+        memcpy(&word, sc.map_col + 8 * k, sizeof word);
+        any |= word;
+    }
+    bool indexed = any != 0;
     ps->tag_colours = sc.col_mode != 0 && indexed;
     ps->clip = sc.clip;
     ps->cut = sc.threshold - 0.1f;

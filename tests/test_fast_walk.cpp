@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <vector>
 
@@ -106,7 +107,7 @@ unsigned int plain_pixel(int slot, int i, int j, int W, int H)
 
 }  // namespace
 
-/* 300 random scenes, each also with the threshold moved between two frames. */
+/* 300 random scenes, each also with the threshold moved between two frames, then as the packets take them. */
 TEST(FastWalk, SameWordAsThePlainWalk)
 {
     const int slot = 3, W = 24, H = 20;
@@ -121,8 +122,15 @@ TEST(FastWalk, SameWordAsThePlainWalk)
         Scene_Install(slot, p);
         random_scene(slot, rng, thr);
         g_draw[0] = rng.unit() * 2.0f - 1.0f, g_draw[1] = rng.unit() * 2.0f - 1.0f;
-        for (int frame = 0; frame < 2; frame++) {
+        for (int frame = 0; frame < 4; frame++) {
             if (frame == 1) Ray_Params.threshold = rng.unit();
+            if (frame == 2) {
+                /* the scenes that eight-ray packets walk: no clip box, colour mode 0 or 1, a light along z */
+                Ray_Volume.vol_flag[slot] = 0;
+                Ray_Params.col_mode = static_cast<unsigned char>(scene & 1);
+                Ray_Params.light_dir[2] = Vector_4(0.0f, 0.0f, 1.0f, 0.0f);
+            }
+            if (frame == 3) Ray_Params.threshold = rng.unit();
             int differ = 0, differ_rows = 0;
             Ray_View view;
             Ray_View_Of(slot, W, H, &view);
@@ -143,4 +151,19 @@ TEST(FastWalk, SameWordAsThePlainWalk)
         Scene_Uninstall(slot);
     }
     Corekit_Set_Random(nullptr);
+}
+
+/* The packets' 16-bit grey bounds are still bounds: never below the float they stand for, exact where it fits. */
+TEST(FastWalk, GreyBoundsRoundUp)
+{
+    const float inf = std::numeric_limits<float>::infinity();
+    auto back = [](float v) {
+        unsigned int u = static_cast<unsigned int>(Ray_Grey16_Of(v)) << 16;
+        float f;
+        memcpy(&f, &u, sizeof f);
+        return f;
+    };
+    for (float v : {1.0000001f, -1.0000001f, 0.15f, -0.15f, 3.0e38f, 3.4028235e38f, -3.4028235e38f, 1.0e-40f, -1.0e-40f})
+        EXPECT_GE(back(v), v) << v;
+    for (float v : {0.0f, 1.0f, -0.5f, 0.25f, inf, -inf}) EXPECT_EQ(back(v), v) << v;
 }

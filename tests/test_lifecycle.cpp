@@ -129,6 +129,21 @@ TEST(Lifecycle, CyclesCountThreadsAndLeaveNothing)
     }
 }
 
+/* The workers' own pixel with no sink listening: tasks taken eight at a time and, where the processor has
+ * AVX2, walked side by side.  The frame equals Ray_Pixel word for word with one and with two workers. */
+TEST(Lifecycle, BatchedFrameEqualsThePixels)
+{
+    for (int workers : {1, 2}) {
+        Ray_Init(static_cast<unsigned short>(workers));
+        auto p = register_phantom(5, 40);
+        Watched_Box wb(101, 67);
+        Ray_Start(&wb.box, 5);
+        ASSERT_TRUE(wb.wait_draws(Ray_Layout_Levels(101 * 67)));
+        expect_frame(5, wb.box);
+        Ray_Exit();
+    }
+}
+
 /* Each failure of the pipeline's start, and of the control thread's allocations at the first frame: its
  * lines, naming the failing call's own line.  A failed start is undone whole; a control thread that ended
  * leaves requests that fail without blocking. */
