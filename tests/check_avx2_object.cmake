@@ -1,0 +1,22 @@
+# The object built for AVX2 must define the packet walk alone, and nothing
+# weak: an inline function compiled there could become the copy the linker
+# keeps for the whole library, and run AVX2 code on processors without it.
+set(checked 0)
+foreach(o ${OBJECTS})
+  if(o MATCHES "ray_packet\\.cpp\\.o(bj)?$")
+    execute_process(COMMAND ${NM} -g --defined-only ${o} OUTPUT_VARIABLE out RESULT_VARIABLE rc)
+    if(NOT rc EQUAL 0)
+      message(FATAL_ERROR "${NM} failed on ${o}")
+    endif()
+    string(STRIP "${out}" out)
+    string(REPLACE "\n" ";" lines "${out}")
+    list(LENGTH lines n)
+    if(NOT n EQUAL 1 OR NOT out MATCHES " T .*Ray_Packet_Walk")
+      message(FATAL_ERROR "${o} defines more than the packet walk:\n${out}")
+    endif()
+    math(EXPR checked "${checked} + 1")
+  endif()
+endforeach()
+if(checked EQUAL 0)
+  message(FATAL_ERROR "no packet walk object among ${OBJECTS}")
+endif()
