@@ -990,26 +990,35 @@ VX_HD inline unsigned int Ray_DDDA_Walk(Rays* ray, const Ray_Scene& sc, Run& run
 
 /*
  * The ray from eye along the unit direction dir through sc's volume box
- * (0, 0, 0) - dim: its entry, DDA set-up and walk with the sampler smp.
- * Returns the pixel word; 0 when the ray misses the volume.
+ * (0, 0, 0) - dim: its entry and DDA set-up into *ray; false when it
+ * misses the volume.  Ray_Cast then walks it with the sampler smp and
+ * returns the pixel word; 0 for a miss.
  */
-template <int F, class Run, class Sampler>
-VX_HD inline unsigned int Ray_Cast(const float* eye, const float* dir, const Ray_Scene& sc, Run& run, Sampler& smp)
+template <int F>
+VX_HD inline bool Ray_Setup(const float* eye, const float* dir, const Ray_Scene& sc, Rays* ray)
 {
     const float low[3] = {0.0f, 0.0f, 0.0f};
     const float high[3] = {static_cast<float>(sc.dim[0]), static_cast<float>(sc.dim[1]),
                            static_cast<float>(sc.dim[2])};
     float start[3] = {eye[0], eye[1], eye[2]};
     float entry = Ray_DDDA_Origin<F>(start, dir, low, high);
-    if (entry >= RAY_MISS) return 0;
+    if (entry >= RAY_MISS) return false;
 
-    Rays ray = {};
-    Ray_DDDA_Param<F>(&ray, start, dir, low, high);
-    ray.entry = entry;
+    *ray = Rays{};
+    Ray_DDDA_Param<F>(ray, start, dir, low, high);
+    ray->entry = entry;
     for (int a = 0; a < 3; a++) {
-        ray.org[a] = eye[a];
-        ray.dir[a] = dir[a];
+        ray->org[a] = eye[a];
+        ray->dir[a] = dir[a];
     }
+    return true;
+}
+
+template <int F, class Run, class Sampler>
+VX_HD inline unsigned int Ray_Cast(const float* eye, const float* dir, const Ray_Scene& sc, Run& run, Sampler& smp)
+{
+    Rays ray;
+    if (!Ray_Setup<F>(eye, dir, sc, &ray)) return 0;
     return Ray_DDDA_Walk<F>(&ray, sc, run, smp);
 }
 

@@ -268,6 +268,18 @@ static unsigned int with_policies(int slot, const Ray_Scene& sc, Fn fn)
     return listening ? fn(locked, smp) : fn(atomic, smp);
 }
 
+/* The ray through pixel (i, j) of view, jittered by two draws: its eye point and unit direction. */
+static void pixel_ray(const Ray_View& view, int i, int j, float* eye, float* unit)
+{
+    float r1 = Fct_Random_Float();
+    float r2 = Fct_Random_Float();
+    float d[3], inv_len;
+    Ray_Pixel_Ray(view.m, i, j, view.w, view.h, r1, r2, eye, d, &inv_len);
+    Vector_4 dir(d[0], d[1], d[2], 0.0f);
+    dir *= inv_len;
+    unit[0] = dir.x, unit[1] = dir.y, unit[2] = dir.z;
+}
+
 void Ray_View_Of(int slot, int w, int h, Ray_View* view)
 {
     std::array<float, 16> m = Ray_Volume.transfo[slot].to_float();
@@ -284,14 +296,8 @@ unsigned int Ray_Pixel_View(int slot, const Ray_View& view, int i, int j)
         return 0;
     }
 
-    /* The ray through the pixel, jittered by two draws. */
-    float r1 = Fct_Random_Float();
-    float r2 = Fct_Random_Float();
-    float eye[3], d[3], inv_len;
-    Ray_Pixel_Ray(view.m, i, j, view.w, view.h, r1, r2, eye, d, &inv_len);
-    Vector_4 dir(d[0], d[1], d[2], 0.0f);
-    dir *= inv_len;
-    const float unit[3] = {dir.x, dir.y, dir.z};
+    float eye[3], unit[3];
+    pixel_ray(view, i, j, eye, unit);
 
     /* Entry, set-up and walk through the slot's volume, threshold and depth clip. */
     Ray_Scene sc;
@@ -392,35 +398,19 @@ void Ray_Pixels_View(int slot, const Ray_View& view, int n, const int* i, const 
     int lane_pixel[RAY_PACKET_LANES];
     int lanes = 0;
     unsigned int words[RAY_PACKET_LANES];
-    const float low[3] = {0.0f, 0.0f, 0.0f};
-    const float high[3] = {static_cast<float>(sc.dim[0]), static_cast<float>(sc.dim[1]),
-                           static_cast<float>(sc.dim[2])};
     for (int k = 0; k < n; k++) {
-        /* The ray through the pixel, jittered by two draws taken pixel by pixel, as one at a time. */
-        float r1 = Fct_Random_Float();
-        float r2 = Fct_Random_Float();
-        float eye[3], d[3], inv_len;
-        Ray_Pixel_Ray(view.m, i[k], j[k], view.w, view.h, r1, r2, eye, d, &inv_len);
-        Vector_4 dir(d[0], d[1], d[2], 0.0f);
-        dir *= inv_len;
-        const float unit[3] = {dir.x, dir.y, dir.z};
+        /* The draws are taken pixel by pixel, as one at a time. */
+        float eye[3], unit[3];
+        pixel_ray(view, i[k], j[k], eye, unit);
         if (!packets) {
             out[k] = with_policies(slot, sc, [&](auto& run, auto& smp) { return Ray_Cast<RAY_CPU>(eye, unit, sc, run, smp); });
             continue;
         }
-        /* Entry and set-up as Ray_Cast's; the walk in a packet where its sampler would leap. */
-        float start[3] = {eye[0], eye[1], eye[2]};
-        float entry = Ray_DDDA_Origin<RAY_CPU>(start, unit, low, high);
-        if (entry >= RAY_MISS) {
+        /* Set up as Ray_Cast does; walked in a packet where its sampler may leap. */
+        Rays ray;
+        if (!Ray_Setup<RAY_CPU>(eye, unit, sc, &ray)) {
             out[k] = 0;
             continue;
-        }
-        Rays ray = {};
-        Ray_DDDA_Param<RAY_CPU>(&ray, start, unit, low, high);
-        ray.entry = entry;
-        for (int a = 0; a < 3; a++) {
-            ray.org[a] = eye[a];
-            ray.dir[a] = unit[a];
         }
         Ray_Layout_Sampler probe(sc, *L);
         probe.begin(&ray);
