@@ -269,12 +269,12 @@ void shade(const Ray_Packet_Scene& ps, I8 c, const F8* n, const F8* dir, I8 m, I
         F8 R[3];
         for (int a = 0; a < 3; a++) R[a] = add(mul(mul(f8(2.0f), d), n[a]), L[a]);
         F8 e = sub(sub(neg(mul(R[1], dir[1])), mul(R[0], dir[0])), mul(R[2], dir[2]));
-        I8 spec = and_(f_gt(e, f8(0.0f)), m);
-        if (any(spec)) {
+        I8 specular = and_(f_gt(e, f8(0.0f)), m);
+        if (any(specular)) {
             F8 ec = sel(f_lt(e, f8(1.0f)), e, f8(1.0f));
             I8 idx = _mm256_min_epi32(to_i(mul(ec, f8(1024.0f))), i8(1023));
-            I8 p = gather(reinterpret_cast<const int*>(ps.phong), idx, spec);
-            for (int k = 0; k < 3; k++) s[k] = add(s[k], and_(spec, _mm256_srli_epi32(mul(p, lk[k]), 8)));
+            I8 p = gather(reinterpret_cast<const int*>(ps.phong), idx, specular);
+            for (int k = 0; k < 3; k++) s[k] = add(s[k], and_(specular, _mm256_srli_epi32(mul(p, lk[k]), 8)));
         }
     }
     for (int k = 0; k < 3; k++)
