@@ -7,7 +7,7 @@
  *   BM_Ray_Pixel_Frame     the frame through Ray_Pixel, as a ray worker
  *                          casts it: render layout, run flag read without
  *                          the lock (no trace sink listens)
- *   BM_Ray_Packet_Frame    the frame in the workers' batches of eight
+ *   BM_Ray_Packet_Frame    the frame in the workers' batches of eight (AVX2 build, AVX-512 build)
  *                          pixels, walked side by side where AVX2 runs
  *   BM_Plain_Locked_Frame  the same rays through the plain walk over the
  *                          five separate volumes, the run flag read under
@@ -134,7 +134,10 @@ void BM_Ray_Packet_Frame(benchmark::State& state)
     Frame_Setup& f = frame();
     Ray_View view;
     Ray_View_Of(k_slot, k_w, k_h, &view);
-    if (!Ray_Packet_Available()) state.SkipWithError("no AVX2: the batch walks one ray at a time");
+    int kind = static_cast<int>(state.range(0));
+    Ray_Packet_Walk_Fn own = kind == RAY_PACKET_AVX2 ? &Ray_Packet_Walk_Avx2 : &Ray_Packet_Walk_Avx512;
+    if (Ray_Packet_Walk_For(kind) != own) state.SkipWithError("this processor has not that build's instruction set");
+    Ray_Packet_Widest = kind;
     uint64_t sum = 0;
     for (auto _ : state) {
         for (int j = 0; j < k_h; j++)
@@ -146,10 +149,11 @@ void BM_Ray_Packet_Frame(benchmark::State& state)
                 for (int k = 0; k < RAY_PACKET_LANES; k++) sum += word[k];
             }
     }
+    Ray_Packet_Widest = RAY_PACKET_AVX512;
     benchmark::DoNotOptimize(sum);
     report(state, f.samples);
 }
-BENCHMARK(BM_Ray_Packet_Frame)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Ray_Packet_Frame)->Arg(RAY_PACKET_AVX2)->Arg(RAY_PACKET_AVX512)->Unit(benchmark::kMillisecond);
 
 void BM_Plain_Locked_Frame(benchmark::State& state)
 {

@@ -6,9 +6,9 @@
  * computes for its ray: the same float and integer operations in the same
  * order, lane by lane, with no fused operation.  The packet covers the
  * common scene (no clip box, colour mode 0 or 1, a finite threshold, at
- * least four voxels); the
- * caller walks every other ray one at a time.  It is compiled for AVX2
- * and runs only where the processor has it (Ray_Packet_Available).
+ * least four voxels); the caller walks every other ray one at a time.
+ * The same walk is built for AVX2 and for AVX-512 and runs only where the
+ * processor has the instruction set (Ray_Packet_Walk_For).
  */
 #ifndef VOXELUNE_CPU_RAY_PACKET_H
 #define VOXELUNE_CPU_RAY_PACKET_H
@@ -40,14 +40,28 @@ struct Ray_Packet_Scene {
     void (*face)(const Ray_Render_Layout* layout, const float* pos, float* val);
 };
 
-/* Whether this processor runs the packet walk. */
-bool Ray_Packet_Available();
+/* The builds of the packet walk, narrowest first. */
+enum Ray_Packet_Kind { RAY_PACKET_NONE, RAY_PACKET_AVX2, RAY_PACKET_AVX512 };
 
 /*
  * Walks rays[0 .. n-1] (n <= RAY_PACKET_LANES, each set up by
  * Ray_DDDA_Param with its entry, origin and direction filled in) and
- * writes their pixel words into out.  Only where Ray_Packet_Available.
+ * writes their pixel words into out.
  */
-void Ray_Packet_Walk(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsigned int* out);
+typedef void (*Ray_Packet_Walk_Fn)(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsigned int* out);
+void Ray_Packet_Walk_Avx2(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsigned int* out);
+void Ray_Packet_Walk_Avx512(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsigned int* out);
+
+/*
+ * The widest build the renderer may use (RAY_PACKET_AVX512 unless lowered,
+ * as tests do to run each build).
+ */
+extern std::atomic<int> Ray_Packet_Widest;
+
+/* The walk of the widest build this processor runs, up to kind; nullptr for none. */
+Ray_Packet_Walk_Fn Ray_Packet_Walk_For(int kind);
+
+/* Whether this processor runs a packet walk at all. */
+inline bool Ray_Packet_Available() { return Ray_Packet_Walk_For(RAY_PACKET_AVX512) != nullptr; }
 
 #endif

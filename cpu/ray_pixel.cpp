@@ -318,14 +318,20 @@ unsigned int Ray_Pixel(int slot, int i, int j, int W, int H)
 
 /* --------------------------------------------------- a batch of pixels */
 
-bool Ray_Packet_Available()
+std::atomic<int> Ray_Packet_Widest{RAY_PACKET_AVX512};
+
+Ray_Packet_Walk_Fn Ray_Packet_Walk_For(int kind)
 {
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__CUDACC__)
     static const bool avx2 = __builtin_cpu_supports("avx2");
-    return avx2;
+    static const bool avx512 = avx2 && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") &&
+                               __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512dq");
+    if (kind >= RAY_PACKET_AVX512 && avx512) return &Ray_Packet_Walk_Avx512;
+    if (kind >= RAY_PACKET_AVX2 && avx2) return &Ray_Packet_Walk_Avx2;
 #else
-    return false;
+    (void)kind;
 #endif
+    return nullptr;
 }
 
 /* The packet walk's stencils across the faces: the layout sampler's own. */
@@ -340,12 +346,12 @@ static void face_sample(const Ray_Render_Layout* layout, const float* pos, float
 /*
  * Whether the packet walk computes the rays of scene sc: a render layout
  * whose channel offsets fit its 32-bit lanes and of four voxels at least, no clip box, colour mode 0
- * or 1, a finite threshold, no trace sink, a processor with AVX2.
+ * or 1, a finite threshold, no trace sink.
  */
 static bool packet_fits(int slot, const Ray_Scene& sc, bool listening)
 {
     const Ray_Render_Layout* L = Ray_Volume.render[slot];
-    if (!L || listening || !Ray_Packet_Available()) return false;
+    if (!L || listening) return false;
     double floats = static_cast<double>(L->dim[0]) * L->dim[1] * L->dim[2] * RAY_CH_NB;
     Ray_Zero_Rule z = Ray_Zero_Rule_Of(sc);
     return floats < 2147483647.0 && floats >= 4.0 * RAY_CH_NB && !(sc.vol_flag & 0x80u) && sc.col_mode <= 1 && z.known && sc.tag;
@@ -389,7 +395,8 @@ void Ray_Pixels_View(int slot, const Ray_View& view, int n, const int* i, const 
     }
     Ray_Scene sc;
     Ray_Scene_Of(&sc, slot, view.clip_box, Ray_Params.threshold, Ray_Volume.clip[slot]);
-    bool packets = packet_fits(slot, sc, Corekit_Trace_Listening() != 0);
+    Ray_Packet_Walk_Fn walk = Ray_Packet_Walk_For(Ray_Packet_Widest.load(std::memory_order_relaxed));
+    bool packets = walk && packet_fits(slot, sc, Corekit_Trace_Listening() != 0);
     Ray_Packet_Scene ps;
     if (packets) packet_scene(slot, sc, &ps);
     const Ray_Render_Layout* L = Ray_Volume.render[slot];
@@ -422,13 +429,13 @@ void Ray_Pixels_View(int slot, const Ray_View& view, int n, const int* i, const 
         lane[lanes] = ray;
         lane_pixel[lanes++] = k;
         if (lanes == RAY_PACKET_LANES) {
-            Ray_Packet_Walk(ps, lane, lanes, words);
+            walk(ps, lane, lanes, words);
             for (int l = 0; l < lanes; l++) out[lane_pixel[l]] = words[l];
             lanes = 0;
         }
     }
     if (lanes > 0) {
-        Ray_Packet_Walk(ps, lane, lanes, words);
+        walk(ps, lane, lanes, words);
         for (int l = 0; l < lanes; l++) out[lane_pixel[l]] = words[l];
     }
 }

@@ -1,9 +1,10 @@
-# The object built for AVX2 must define the packet walk alone, and nothing
-# weak: an inline function compiled there could become the copy the linker
-# keeps for the whole library, and run AVX2 code on processors without it.
+# Each object built for a wider instruction set must define its packet walk
+# alone, and nothing weak: an inline function compiled there could become
+# the copy the linker keeps for the whole library, and run AVX2 or AVX-512
+# code on processors without it.
 set(checked 0)
 foreach(o ${OBJECTS})
-  if(o MATCHES "ray_packet\\.cpp\\.o(bj)?$")
+  if(o MATCHES "ray_packet(_avx512)?\\.cpp\\.o(bj)?$")
     execute_process(COMMAND ${NM} -g --defined-only ${o} OUTPUT_VARIABLE out RESULT_VARIABLE rc)
     if(NOT rc EQUAL 0)
       message(FATAL_ERROR "${NM} failed on ${o}")
@@ -17,6 +18,6 @@ foreach(o ${OBJECTS})
     math(EXPR checked "${checked} + 1")
   endif()
 endforeach()
-if(checked EQUAL 0)
-  message(FATAL_ERROR "no packet walk object among ${OBJECTS}")
+if(NOT checked EQUAL 2)
+  message(FATAL_ERROR "not the two packet walk objects among ${OBJECTS}")
 endif()

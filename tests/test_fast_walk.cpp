@@ -10,6 +10,7 @@
 
 #include "core/ray_core.h"
 #include "core/ray_state.h"
+#include "cpu/ray_packet.h"
 #include "cpu/ray_pixel.h"
 #include "cpu/ray_render_layout.h"
 #include "scene.h"
@@ -131,22 +132,28 @@ TEST(FastWalk, SameWordAsThePlainWalk)
                 Ray_Params.light_dir[2] = Vector_4(0.0f, 0.0f, 1.0f, 0.0f);
             }
             if (frame == 3) Ray_Params.threshold = rng.unit();
-            int differ = 0, differ_rows = 0;
+            int differ = 0, differ_rows[RAY_PACKET_AVX512 + 1] = {};
             Ray_View view;
             Ray_View_Of(slot, W, H, &view);
             for (int j = 0; j < H; j++) {
                 int is[W], js[W];
-                unsigned int row[W];
+                unsigned int row[RAY_PACKET_AVX512 + 1][W];
                 for (int i = 0; i < W; i++) is[i] = i, js[i] = j;
-                Ray_Pixels_View(slot, view, W, is, js, row);
+                /* the rows in packets of each build this processor runs, and without */
+                for (int kind = RAY_PACKET_NONE; kind <= RAY_PACKET_AVX512; kind++) {
+                    Ray_Packet_Widest = kind;
+                    Ray_Pixels_View(slot, view, W, is, js, row[kind]);
+                }
                 for (int i = 0; i < W; i++) {
                     unsigned int want = plain_pixel(slot, i, j, W, H);
                     differ += Ray_Pixel(slot, i, j, W, H) != want;
-                    differ_rows += row[i] != want;
+                    for (int kind = RAY_PACKET_NONE; kind <= RAY_PACKET_AVX512; kind++)
+                        differ_rows[kind] += row[kind][i] != want;
                 }
             }
             ASSERT_EQ(differ, 0) << "scene " << scene << " frame " << frame;
-            ASSERT_EQ(differ_rows, 0) << "rows: scene " << scene << " frame " << frame;
+            for (int kind = RAY_PACKET_NONE; kind <= RAY_PACKET_AVX512; kind++)
+                ASSERT_EQ(differ_rows[kind], 0) << "rows, packets " << kind << ": scene " << scene << " frame " << frame;
         }
         Scene_Uninstall(slot);
     }

@@ -1,0 +1,425 @@
+/*
+ * ray_packet_lanes.h - the packet walk's body (see ray_packet.h), included
+ * by one source file per instruction set, each built with its own flags
+ * and naming the function it defines in RAY_PACKET_WALK.
+ *
+ * Nothing here calls an inline function of a shared header: such a
+ * function would be compiled for the wider instruction set in that file
+ * and could be the copy that the linker keeps for the whole library.  The
+ * header's constants are used; every operation is written out below with
+ * its one-ray counterpart named.  Everything but RAY_PACKET_WALK has
+ * internal linkage.
+ */
+#ifndef RAY_PACKET_WALK
+#error "define RAY_PACKET_WALK, the name of the walk this file defines"
+#endif
+
+#include "cpu/ray_packet.h"
+
+#if defined(__AVX2__)
+#include <immintrin.h>
+
+#include <cstddef>
+
+namespace {
+
+typedef __m256 F8;
+typedef __m256i I8;
+
+inline I8 ones() { return _mm256_set1_epi32(-1); }
+inline I8 i8(int v) { return _mm256_set1_epi32(v); }
+inline F8 f8(float v) { return _mm256_set1_ps(v); }
+inline I8 and_(I8 a, I8 b) { return _mm256_and_si256(a, b); }
+inline I8 or_(I8 a, I8 b) { return _mm256_or_si256(a, b); }
+inline I8 andnot(I8 a, I8 b) { return _mm256_andnot_si256(a, b); }   /* ~a & b */
+/* m ? a : b, lane by lane (m all ones or all zeros per lane). */
+inline I8 sel(I8 m, I8 a, I8 b) { return _mm256_blendv_epi8(b, a, m); }
+inline F8 sel(I8 m, F8 a, F8 b) { return _mm256_blendv_ps(b, a, _mm256_castsi256_ps(m)); }
+inline I8 mask(F8 m) { return _mm256_castps_si256(m); }
+inline int any(I8 m) { return _mm256_movemask_ps(_mm256_castsi256_ps(m)); }
+/* Signed comparisons of 32-bit lanes. */
+inline I8 gt(I8 a, I8 b) { return _mm256_cmpgt_epi32(a, b); }
+inline I8 le(I8 a, I8 b) { return andnot(gt(a, b), ones()); }
+/* 0 <= v < n for n >= 0: v as unsigned below n, as Ray_Inside asks. */
+inline I8 below(I8 v, I8 n) { return andnot(gt(i8(0), v), gt(n, v)); }
+/* Ordered float comparisons: false where either side is NaN, as in C. */
+inline I8 f_le(F8 a, F8 b) { return mask(_mm256_cmp_ps(a, b, _CMP_LE_OQ)); }
+inline I8 f_lt(F8 a, F8 b) { return mask(_mm256_cmp_ps(a, b, _CMP_LT_OQ)); }
+inline I8 f_gt(F8 a, F8 b) { return mask(_mm256_cmp_ps(a, b, _CMP_GT_OQ)); }
+inline I8 f_ge(F8 a, F8 b) { return mask(_mm256_cmp_ps(a, b, _CMP_GE_OQ)); }
+inline F8 add(F8 a, F8 b) { return _mm256_add_ps(a, b); }
+inline F8 sub(F8 a, F8 b) { return _mm256_sub_ps(a, b); }
+inline F8 mul(F8 a, F8 b) { return _mm256_mul_ps(a, b); }
+inline F8 neg(F8 a) { return _mm256_xor_ps(a, f8(-0.0f)); }
+inline I8 add(I8 a, I8 b) { return _mm256_add_epi32(a, b); }   /* wraps, as Ray_Add32 */
+inline I8 sub(I8 a, I8 b) { return _mm256_sub_epi32(a, b); }
+inline I8 mul(I8 a, I8 b) { return _mm256_mullo_epi32(a, b); }  /* low 32 bits, as unsigned int products */
+inline F8 to_f(I8 a) { return _mm256_cvtepi32_ps(a); }         /* static_cast<float>(int) */
+inline I8 to_i(F8 a) { return _mm256_cvttps_epi32(a); }       /* Ray_F2I<RAY_CPU>: 0x80000000 out of range */
+inline F8 gather(const float* base, I8 index, I8 m)
+{
+    return _mm256_mask_i32gather_ps(_mm256_setzero_ps(), base, index, _mm256_castsi256_ps(m), 4);
+}
+inline I8 gather(const int* base, I8 index, I8 m)
+{
+    return _mm256_mask_i32gather_epi32(_mm256_setzero_si256(), base, index, m, 4);
+}
+
+/*
+ * The bytes p[index] of lanes m: four bytes read from at most three before
+ * (never before p, so the array needs four bytes at least), then shifted.
+ */
+inline I8 byte_gather(const unsigned char* p, I8 index, I8 m)
+{
+    I8 from = _mm256_max_epi32(sub(index, i8(3)), _mm256_setzero_si256());
+    I8 word = _mm256_mask_i32gather_epi32(_mm256_setzero_si256(), reinterpret_cast<const int*>(p), from, m, 1);
+    return and_(_mm256_srlv_epi32(word, _mm256_slli_epi32(sub(index, from), 3)), i8(0xFF));
+}
+
+/* Ray_Clamp01: 0 at or below 0, 1 at or above 1, NaN passes. */
+inline F8 clamp01(F8 x)
+{
+    F8 r = sel(f_le(x, f8(0.0f)), f8(0.0f), x);
+    return sel(f_ge(x, f8(1.0f)), f8(1.0f), r);
+}
+
+/* The eight rays' state: Rays, accumulators and transparency, one lane each. */
+struct Lanes {
+    I8 vox[3], step[3], delta[3], t_max[3], t_end[3];
+    F8 org[3], dir[3], entry;
+    I8 t_prev;
+    F8 col[3], T;
+    I8 active;
+};
+
+void load(Lanes& r, const Rays* rays, int n)
+{
+    alignas(32) int vi[5][3][8] = {};
+    alignas(32) float vf[7][8] = {};
+    alignas(32) int live[8] = {};
+    for (int l = 0; l < n; l++) {
+        const Rays& y = rays[l];
+        for (int a = 0; a < 3; a++) {
+            vi[0][a][l] = y.vox[a];
+            vi[1][a][l] = y.step[a];
+            vi[2][a][l] = y.t_delta[a];
+            vi[3][a][l] = y.t_max[a];
+            vi[4][a][l] = y.t_end[a];
+            vf[a][l] = y.org[a];
+            vf[3 + a][l] = y.dir[a];
+        }
+        vf[6][l] = y.entry;
+        live[l] = -1;
+    }
+    for (int a = 0; a < 3; a++) {
+        r.vox[a] = _mm256_load_si256(reinterpret_cast<const I8*>(vi[0][a]));
+        r.step[a] = _mm256_load_si256(reinterpret_cast<const I8*>(vi[1][a]));
+        r.delta[a] = _mm256_load_si256(reinterpret_cast<const I8*>(vi[2][a]));
+        r.t_max[a] = _mm256_load_si256(reinterpret_cast<const I8*>(vi[3][a]));
+        r.t_end[a] = _mm256_load_si256(reinterpret_cast<const I8*>(vi[4][a]));
+        r.org[a] = _mm256_load_ps(vf[a]);
+        r.dir[a] = _mm256_load_ps(vf[3 + a]);
+        r.col[a] = _mm256_setzero_ps();
+    }
+    r.entry = _mm256_load_ps(vf[6]);
+    r.t_prev = _mm256_setzero_si256();
+    r.T = f8(1.0f);
+    r.active = _mm256_load_si256(reinterpret_cast<const I8*>(live));
+}
+
+/* Block index of voxel (x, y, z) per lane, as the one-ray sampler's block_of. */
+inline I8 block_of(const Ray_Render_Layout& L, const I8* v)
+{
+    I8 bx = _mm256_srli_epi32(v[0], RAY_BLOCK_SHIFT);
+    I8 by = _mm256_srli_epi32(v[1], RAY_BLOCK_SHIFT);
+    I8 bz = _mm256_srli_epi32(v[2], RAY_BLOCK_SHIFT);
+    return add(mul(add(mul(bz, i8(L.bdim[1])), by), i8(L.bdim[0])), bx);
+}
+
+/* The bound fields of blocks b (Ray_Block_Bound, five 32-bit words each). */
+const int k_block_words = sizeof(Ray_Block_Bound) / 4;
+static_assert(sizeof(Ray_Block_Bound) == 5 * 4, "a block bound is five 32-bit words");
+inline F8 block_field(const Ray_Render_Layout& L, I8 b, int word, I8 m)
+{
+    return gather(reinterpret_cast<const float*>(L.block) + word, mul(b, i8(k_block_words)), m);
+}
+
+/*
+ * The folded grey bounds of blocks b in table t, lanes m (each entry read
+ * as the low half of a 32-bit word: the table has one more).
+ */
+inline F8 grey_bound(const Ray_Grey16* t, I8 b, I8 m)
+{
+    I8 word = _mm256_mask_i32gather_epi32(_mm256_setzero_si256(), reinterpret_cast<const int*>(t), b, m, 2);
+    return _mm256_castsi256_ps(_mm256_slli_epi32(word, 16));
+}
+
+/* Ray_Alpha_Is_Zero_Any_Tag for colour modes 0 and 1 with a finite threshold, from a folded bound. */
+inline I8 zero_any_tag(F8 bound, F8 cut, I8 m) { return and_(f_le(bound, cut), m); }
+
+/*
+ * Channels 0 to 4 of the voxel at at[l] + off, lane l from at[l]: eight
+ * eight-float loads (the layout's padding covers the last voxel's) turned
+ * into one register per channel.
+ */
+inline void corner_channels(const float* const* at, size_t off, F8* v)
+{
+    F8 r[8];
+    for (int l = 0; l < 8; l++) r[l] = _mm256_loadu_ps(at[l] + off);
+    F8 t[8], u[8];
+    for (int k = 0; k < 4; k++) {
+        t[2 * k] = _mm256_unpacklo_ps(r[2 * k], r[2 * k + 1]);       /* ch 0 1 | 4 5 of two lanes */
+        t[2 * k + 1] = _mm256_unpackhi_ps(r[2 * k], r[2 * k + 1]);   /* ch 2 3 | 6 7 */
+    }
+    for (int h = 0; h < 2; h++) {   /* lanes 0-3, then 4-7 */
+        F8 a = t[4 * h], b = t[4 * h + 1], c = t[4 * h + 2], d = t[4 * h + 3];
+        u[4 * h] = _mm256_shuffle_ps(a, c, 0x44);       /* ch 0 | 4 of four lanes */
+        u[4 * h + 1] = _mm256_shuffle_ps(a, c, 0xEE);   /* ch 1 | 5 */
+        u[4 * h + 2] = _mm256_shuffle_ps(b, d, 0x44);   /* ch 2 | 6 */
+        u[4 * h + 3] = _mm256_shuffle_ps(b, d, 0xEE);   /* ch 3 | 7 */
+    }
+    for (int ch = 0; ch < 4; ch++) v[ch] = _mm256_permute2f128_ps(u[ch], u[4 + ch], 0x20);
+    v[4] = _mm256_permute2f128_ps(u[0], u[4], 0x31);
+}
+
+/*
+ * The five channels at the sample points pos of the lanes m, each summed
+ * over the stencil's corners in order with the one-ray sampler's float
+ * operations; val[RAY_CH_*].
+ */
+void interpolate(const Ray_Packet_Scene& ps, const F8* pos, const I8* cell, I8 m, I8 no_nan, F8* val)
+{
+    const Ray_Render_Layout& L = *ps.layout;
+    I8 lo[3];
+    F8 w[3][2];
+    I8 inside = ones();
+    for (int a = 0; a < 3; a++) {
+        /* Ray_Interp_Axis_At */
+        F8 f = sub(pos[a], to_f(cell[a]));
+        I8 low = f_lt(f, f8(0.5f));
+        lo[a] = sel(low, sub(cell[a], i8(1)), cell[a]);
+        w[a][0] = sel(low, sub(f8(0.5f), f), sub(f8(1.5f), f));
+        w[a][1] = sel(low, add(f, f8(0.5f)), sub(f, f8(0.5f)));
+        inside = and_(inside, below(lo[a], i8(L.dim[a] - 1)));
+    }
+    I8 full = and_(m, inside);
+    for (int ch = 0; ch < RAY_CH_NB; ch++) val[ch] = _mm256_setzero_ps();
+    if (any(full)) {
+        /*
+         * Each lane's stencil from its first corner; a lane without one
+         * reads voxel 0's, which exists whenever some lane's does.
+         */
+        alignas(32) int first[8];
+        I8 f0 = mul(add(mul(add(mul(lo[2], i8(L.dim[1])), lo[1]), i8(L.dim[0])), lo[0]), i8(RAY_CH_NB));
+        _mm256_store_si256(reinterpret_cast<I8*>(first), and_(f0, full));
+        const float* at[8];
+        for (int l = 0; l < 8; l++) at[l] = L.voxel + first[l];
+        const size_t row = static_cast<size_t>(L.dim[0]), slice = row * static_cast<size_t>(L.dim[1]);
+        bool nans = (any(andnot(no_nan, full)) != 0);
+#pragma GCC unroll 8
+        for (int c = 0; c < 8; c++) {
+            const size_t off = ((c & 1) + ((c & 2) ? row : 0) + ((c & 4) ? slice : 0)) * RAY_CH_NB;
+            F8 v[RAY_CH_NB];
+            corner_channels(at, off, v);
+            F8 wx = w[0][c & 1], wy = w[1][(c >> 1) & 1], wz = w[2][c >> 2];
+            for (int ch = 0; ch < RAY_CH_NB; ch++) {
+                F8 p = mul(mul(mul(v[ch], wx), wy), wz);
+                F8 s = add(val[ch], p);
+                val[ch] = nans ? sel(mask(_mm256_cmp_ps(v[ch], v[ch], _CMP_ORD_Q)), s, val[ch]) : s;
+            }
+        }
+    }
+    int face = any(andnot(inside, m));
+    if (face) {
+        /* Stencils across the faces, rare: one lane at a time. */
+        alignas(32) float p[3][8], v[RAY_CH_NB][8];
+        for (int a = 0; a < 3; a++) _mm256_store_ps(p[a], pos[a]);
+        for (int ch = 0; ch < RAY_CH_NB; ch++) _mm256_store_ps(v[ch], val[ch]);
+        for (int l = 0; l < 8; l++) {
+            if (!((face >> l) & 1)) continue;
+            const float at[3] = {p[0][l], p[1][l], p[2][l]};
+            float out[RAY_CH_NB];
+            ps.face(&L, at, out);
+            for (int ch = 0; ch < RAY_CH_NB; ch++) v[ch][l] = out[ch];
+        }
+        for (int ch = 0; ch < RAY_CH_NB; ch++) val[ch] = _mm256_load_ps(v[ch]);
+    }
+}
+
+/* Asks the caches for the rows of the stencils of voxels v, lanes m, ahead of their samples. */
+inline void prefetch_rows(const Ray_Render_Layout& L, const I8* v, I8 m)
+{
+    int lanes = any(m);
+    if (!lanes) return;
+    alignas(32) int first[8];
+    I8 f0 = mul(add(mul(add(mul(v[2], i8(L.dim[1])), v[1]), i8(L.dim[0])), v[0]), i8(RAY_CH_NB));
+    _mm256_store_si256(reinterpret_cast<I8*>(first), f0);
+    const size_t row = static_cast<size_t>(L.dim[0]) * RAY_CH_NB, slice = row * static_cast<size_t>(L.dim[1]);
+    for (int l = 0; l < 8; l++) {
+        if (!((lanes >> l) & 1)) continue;
+        const float* at = L.voxel + static_cast<unsigned int>(first[l]);
+        _mm_prefetch(reinterpret_cast<const char*>(at), _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char*>(at + row), _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char*>(at + slice), _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char*>(at + slice + row), _MM_HINT_T0);
+    }
+}
+
+/* The colour byte k (0, 1, 2) of words c. */
+inline I8 byte_of(I8 c, int k) { return and_(_mm256_srli_epi32(c, 8 * k), i8(0xFF)); }
+
+/*
+ * Ray_DDDA_Shade with every flag, lane by lane: base colours c, normals n,
+ * directions dir; the three shaded channel bytes in out.
+ */
+void shade(const Ray_Packet_Scene& ps, I8 c, const F8* n, const F8* dir, I8 m, I8* out)
+{
+    I8 ck[3] = {byte_of(c, 0), byte_of(c, 1), byte_of(c, 2)};
+    I8 back = f_gt(add(add(mul(n[0], dir[0]), mul(n[1], dir[1])), mul(n[2], dir[2])), f8(0.0f));
+    I8 s[3];
+    unsigned int lc = ps.light_color[0];
+    for (int k = 0; k < 3; k++) s[k] = _mm256_srli_epi32(mul(i8(static_cast<int>((lc >> (8 * k)) & 0xFFu)), ck[k]), 8);
+    for (int i = 1; i < ps.light_nb; i++) {
+        if (ps.light_on[i] == 0) continue;
+        lc = ps.light_color[i];
+        I8 lk[3];
+        for (int k = 0; k < 3; k++) lk[k] = i8(static_cast<int>((lc >> (8 * k)) & 0xFFu));
+        const F8 L[3] = {f8(ps.light_dir[i][0]), f8(ps.light_dir[i][1]), f8(ps.light_dir[i][2])};
+        F8 d = sub(sub(neg(mul(n[0], L[0])), mul(n[1], L[1])), mul(n[2], L[2]));
+        I8 diffuse = f_gt(d, f8(0.0f));
+        if (any(and_(diffuse, m))) {
+            I8 q = and_(to_i(mul(d, f8(255.0f))), i8(0xFF));
+            for (int k = 0; k < 3; k++)
+                s[k] = add(s[k], and_(diffuse, _mm256_srli_epi32(mul(mul(lk[k], ck[k]), q), 16)));
+        }
+        F8 R[3];
+        for (int a = 0; a < 3; a++) R[a] = add(mul(mul(f8(2.0f), d), n[a]), L[a]);
+        F8 e = sub(sub(neg(mul(R[1], dir[1])), mul(R[0], dir[0])), mul(R[2], dir[2]));
+        I8 specular = and_(f_gt(e, f8(0.0f)), m);
+        if (any(specular)) {
+            F8 ec = sel(f_lt(e, f8(1.0f)), e, f8(1.0f));
+            I8 idx = _mm256_min_epi32(to_i(mul(ec, f8(1024.0f))), i8(1023));
+            I8 p = gather(reinterpret_cast<const int*>(ps.phong), idx, specular);
+            for (int k = 0; k < 3; k++) s[k] = add(s[k], and_(specular, _mm256_srli_epi32(mul(p, lk[k]), 8)));
+        }
+    }
+    for (int k = 0; k < 3; k++)
+        out[k] = sel(back, _mm256_srli_epi32(ck[k], 2), _mm256_min_epu32(s[k], i8(255)));
+}
+
+/* Pack_Byte of each lane: 255 at or above, else the low byte. */
+inline unsigned int pack_byte(int v) { return v >= 255 ? 255u : static_cast<unsigned int>(v) & 0xFFu; }
+
+}  // namespace
+
+void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsigned int* out)
+{
+    const Ray_Render_Layout& L = *ps.layout;
+    Lanes r;
+    load(r, rays, n);
+    const I8 dim[3] = {i8(L.dim[0]), i8(L.dim[1]), i8(L.dim[2])};
+    const F8 cut = f8(ps.cut);
+    const F8 clip = f8(ps.clip);
+
+    /* The near bound of the block the next sample lies in, asked for a step ahead. */
+    F8 near = grey_bound(L.grey_near, block_of(L, r.vox), r.active);
+    while (any(r.active)) {
+        /* The nearest crossing (ties to x, then y), its bound, the step into the next voxel. */
+        I8 m0 = and_(le(r.t_max[0], r.t_max[1]), le(r.t_max[0], r.t_max[2]));
+        I8 m1 = andnot(m0, le(r.t_max[1], r.t_max[2]));
+        I8 m2 = andnot(or_(m0, m1), ones());
+        I8 t = sel(m0, r.t_max[0], sel(m1, r.t_max[1], r.t_max[2]));
+        I8 end = sel(m0, r.t_end[0], sel(m1, r.t_end[1], r.t_end[2]));
+        r.active = andnot(le(end, t), r.active);
+        const I8 axis[3] = {and_(m0, r.active), and_(m1, r.active), and_(m2, r.active)};
+        for (int a = 0; a < 3; a++) {
+            r.t_max[a] = add(r.t_max[a], and_(r.delta[a], axis[a]));
+            r.vox[a] = add(r.vox[a], and_(r.step[a], axis[a]));
+        }
+        /* Leave the volume; a stop request ends every ray. */
+        for (int a = 0; a < 3; a++) r.active = and_(r.active, below(r.vox[a], dim[a]));
+        if (!any(r.active)) break;
+        if (ps.run->load(std::memory_order_acquire) == 0) break;
+
+        /* The one-ray walk's leap: the near bound of the block the sample lies in (the voxel left). */
+        I8 leap = zero_any_tag(near, cut, r.active);
+        I8 smp = andnot(leap, r.active);
+        /* Depth clip. */
+        smp = andnot(f_gt(clip, add(mul(to_f(r.t_prev), f8(RAY_DDA_TO_LEN)), r.entry)), smp);
+
+        if (any(smp)) {
+            /* The sample mid-segment, its weight. */
+            I8 len = sub(t, r.t_prev);
+            F8 w = mul(to_f(len), f8(RAY_WEIGHT_PER_UNIT));
+            I8 mid = add(_mm256_srai_epi32(len, 1), r.t_prev);
+            F8 d = add(mul(to_f(mid), f8(RAY_DDA_TO_LEN)), r.entry);
+            F8 pos[3];
+            for (int a = 0; a < 3; a++) pos[a] = add(r.org[a], mul(d, r.dir[a]));
+
+            /* The sampler's bound: the block of the sample point, where every coordinate is >= 0 and inside. */
+            I8 cell[3];
+            I8 bounded = smp;
+            I8 signs = or_(or_(_mm256_castps_si256(pos[0]), _mm256_castps_si256(pos[1])), _mm256_castps_si256(pos[2]));
+            bounded = andnot(gt(i8(0), signs), bounded);
+            for (int a = 0; a < 3; a++) {
+                cell[a] = to_i(pos[a]);
+                bounded = and_(bounded, below(cell[a], dim[a]));
+            }
+            I8 bs = block_of(L, cell);
+            I8 no_nan = bounded;
+            if (L.any_nan) {
+                I8 flags = _mm256_castps_si256(block_field(L, bs, 4, bounded));
+                no_nan = and_(bounded, gt(and_(flags, i8(RAY_BLOCK_NO_NAN)), i8(0)));
+            }
+            smp = andnot(zero_any_tag(grey_bound(L.grey_own, bs, bounded), cut, bounded), smp);
+
+            int todo = any(smp);
+            if (todo) {
+                /* The tag of the voxel entered and its base colour. */
+                I8 base = i8(0xFFFFFF);
+                if (ps.tag_colours) {
+                    I8 at = add(mul(add(mul(i8(L.dim[1]), r.vox[2]), r.vox[1]), i8(L.dim[0])), r.vox[0]);
+                    I8 mc = byte_gather(ps.map_col, byte_gather(ps.tag, at, smp), smp);
+                    I8 coloured = andnot(_mm256_cmpeq_epi32(mc, i8(0)), smp);
+                    base = sel(coloured, gather(reinterpret_cast<const int*>(ps.tag_col), mc, coloured), base);
+                }
+                /* Opacity of colour modes 0 and 1. */
+                F8 val[RAY_CH_NB];
+                interpolate(ps, pos, cell, smp, no_nan, val);
+                F8 alpha = mul(mul(clamp01(mul(f8(4.0f), val[RAY_CH_A])), w),
+                               clamp01(mul(f8(5.0f), sub(val[RAY_CH_G], cut))));
+                I8 lit = and_(smp, mask(_mm256_cmp_ps(alpha, f8(0.0f), _CMP_NEQ_UQ)));
+                if (any(lit)) {
+                    /* Shading and front-to-back compositing. */
+                    const F8 nrm[3] = {val[RAY_CH_X], val[RAY_CH_Y], val[RAY_CH_Z]};
+                    I8 ch[3];
+                    shade(ps, base, nrm, r.dir, lit, ch);
+                    for (int k = 0; k < 3; k++)
+                        r.col[k] = sel(lit, add(r.col[k], mul(mul(to_f(ch[k]), alpha), r.T)), r.col[k]);
+                    F8 keep = sub(f8(1.0f), alpha);
+                    keep = _mm256_and_ps(keep, _mm256_cmp_ps(keep, f8(0.0f), _CMP_GT_OQ));
+                    r.T = sel(lit, mul(r.T, keep), r.T);
+                    /* Opaque enough. */
+                    r.active = andnot(and_(lit, f_le(r.T, f8(RAY_OPAQUE))), r.active);
+                }
+            }
+        }
+        r.t_prev = sel(r.active, t, r.t_prev);
+        near = grey_bound(L.grey_near, block_of(L, r.vox), r.active);
+        prefetch_rows(L, r.vox, andnot(zero_any_tag(near, cut, r.active), r.active));
+    }
+
+    /* The pixel words. */
+    alignas(32) int c[3][8], tb[8];
+    for (int k = 0; k < 3; k++) _mm256_store_si256(reinterpret_cast<I8*>(c[k]), to_i(r.col[k]));
+    _mm256_store_si256(reinterpret_cast<I8*>(tb), to_i(mul(r.T, f8(255.0f))));
+    for (int l = 0; l < n; l++)
+        out[l] = pack_byte(c[0][l]) | pack_byte(c[1][l]) << 8 | pack_byte(c[2][l]) << 16 | pack_byte(tb[l]) << 24;
+}
+
+#else
+
+/* Built without the instruction set: never asked for (Ray_Packet_Walk_For). */
+void RAY_PACKET_WALK(const Ray_Packet_Scene&, const Rays*, int, unsigned int* out) { (void)out; }
+
+#endif
