@@ -127,6 +127,28 @@ void load(Lanes& r, const Rays* rays, int n)
     r.active = _mm256_load_si256(reinterpret_cast<const I8*>(live));
 }
 
+/*
+ * One DDA step of the live lanes: the nearest crossing (ties to x, then y)
+ * and its parameter, returned; lanes whose crossing reaches their end or
+ * whose step leaves the volume end.
+ */
+inline I8 dda_step(Lanes& r, const I8* dim)
+{
+    I8 m0 = and_(le(r.t_max[0], r.t_max[1]), le(r.t_max[0], r.t_max[2]));
+    I8 m1 = andnot(m0, le(r.t_max[1], r.t_max[2]));
+    I8 m2 = andnot(or_(m0, m1), ones());
+    I8 t = sel(m0, r.t_max[0], sel(m1, r.t_max[1], r.t_max[2]));
+    I8 end = sel(m0, r.t_end[0], sel(m1, r.t_end[1], r.t_end[2]));
+    r.active = andnot(le(end, t), r.active);
+    const I8 axis[3] = {and_(m0, r.active), and_(m1, r.active), and_(m2, r.active)};
+    for (int a = 0; a < 3; a++) {
+        r.t_max[a] = add(r.t_max[a], and_(r.delta[a], axis[a]));
+        r.vox[a] = add(r.vox[a], and_(r.step[a], axis[a]));
+    }
+    for (int a = 0; a < 3; a++) r.active = and_(r.active, below(r.vox[a], dim[a]));
+    return t;
+}
+
 /* Block index of voxel (x, y, z) per lane, as the one-ray sampler's block_of. */
 inline I8 block_of(const Ray_Render_Layout& L, const I8* v)
 {
@@ -321,24 +343,16 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
     const F8 cut = f8(ps.cut);
     const F8 clip = f8(ps.clip);
 
-    /* The near bound of the block the next sample lies in, asked for a step ahead. */
+    /*
+     * The DDA runs a step ahead of the samples: the near bound of the block
+     * a sample lies in (the voxel its step leaves) is asked for two steps
+     * before it is read.
+     */
     F8 near = grey_bound(L.grey_near, block_of(L, r.vox), r.active);
+    I8 t = dda_step(r, dim);
+    F8 next = grey_bound(L.grey_near, block_of(L, r.vox), r.active);
     while (any(r.active)) {
-        /* The nearest crossing (ties to x, then y), its bound, the step into the next voxel. */
-        I8 m0 = and_(le(r.t_max[0], r.t_max[1]), le(r.t_max[0], r.t_max[2]));
-        I8 m1 = andnot(m0, le(r.t_max[1], r.t_max[2]));
-        I8 m2 = andnot(or_(m0, m1), ones());
-        I8 t = sel(m0, r.t_max[0], sel(m1, r.t_max[1], r.t_max[2]));
-        I8 end = sel(m0, r.t_end[0], sel(m1, r.t_end[1], r.t_end[2]));
-        r.active = andnot(le(end, t), r.active);
-        const I8 axis[3] = {and_(m0, r.active), and_(m1, r.active), and_(m2, r.active)};
-        for (int a = 0; a < 3; a++) {
-            r.t_max[a] = add(r.t_max[a], and_(r.delta[a], axis[a]));
-            r.vox[a] = add(r.vox[a], and_(r.step[a], axis[a]));
-        }
-        /* Leave the volume; a stop request ends every ray. */
-        for (int a = 0; a < 3; a++) r.active = and_(r.active, below(r.vox[a], dim[a]));
-        if (!any(r.active)) break;
+        /* A stop request ends every ray. */
         if (ps.run->load(std::memory_order_acquire) == 0) break;
 
         /* The one-ray walk's leap: the near bound of the block the sample lies in (the voxel left). */
@@ -405,8 +419,10 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
             }
         }
         r.t_prev = sel(r.active, t, r.t_prev);
-        near = grey_bound(L.grey_near, block_of(L, r.vox), r.active);
+        near = next;
         prefetch_rows(L, r.vox, andnot(zero_any_tag(near, cut, r.active), r.active));
+        t = dda_step(r, dim);
+        next = grey_bound(L.grey_near, block_of(L, r.vox), r.active);
     }
 
     /* The pixel words. */
