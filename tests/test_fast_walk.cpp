@@ -174,3 +174,59 @@ TEST(FastWalk, GreyBoundsRoundUp)
         EXPECT_GE(back(v), v) << v;
     for (float v : {0.0f, 1.0f, -0.5f, 0.25f, inf, -inf}) EXPECT_EQ(back(v), v) << v;
 }
+
+/*
+ * The packets' grey tables against the samples they answer for, on a volume
+ * with one voxel of grey level and magnitude 1: a sample that sees it (its
+ * plain interpolation is not 0) has a block bound above 0, in the own table
+ * for the block of its point's integer parts, in the near table for the
+ * block of any voxel within 2 voxels of its point.
+ */
+TEST(FastWalk, GreyBoundsCoverTheSamplesTheyAnswerFor)
+{
+    const int dim[3] = {7, 6, 5};
+    const size_t n = 7 * 6 * 5;
+    auto above0 = [](Ray_Grey16 g) { return static_cast<short>(g) > 0; };   /* sign bit clear, not 0 */
+    Rng rng{7};
+    for (int trial = 0; trial < 12; trial++) {
+        std::vector<float> gli(n, 0.0f), a(n, 0.0f), zero(n, 0.0f);
+        size_t hot = rng.next() % n;
+        gli[hot] = a[hot] = 1.0f;
+        float* grad[4] = {a.data(), zero.data(), zero.data(), zero.data()};
+        Ray_Render_Layout* L = Ray_Render_Layout_Build(dim[0], dim[1], dim[2], gli.data(), grad);
+        ASSERT_NE(L, nullptr);
+        auto block = [&](const int* v) {
+            return ((static_cast<size_t>(v[2] >> RAY_BLOCK_SHIFT) * L->bdim[1]) + (v[1] >> RAY_BLOCK_SHIFT)) * L->bdim[0] +
+                   (v[0] >> RAY_BLOCK_SHIFT);
+        };
+        const float off[] = {-1.99f, -1.0f, 0.0f, 0.5f, 1.99f, 2.99f};
+        int seen = 0;
+        for (int v = 0; v < static_cast<int>(n); v++) {
+            const int vox[3] = {v % dim[0], v / dim[0] % dim[1], v / (dim[0] * dim[1])};
+            for (int k = 0; k < 216; k++) {
+                const float pos[3] = {vox[0] + off[k % 6], vox[1] + off[k / 6 % 6], vox[2] + off[k / 36]};
+                Ray_Stencil st;
+                Ray_Interp_Setup<RAY_CPU>(&st, pos, dim);
+                float g = 0.0f;
+                for (int c = 0; c < 8; c++)
+                    if (st.valid & (1u << c))
+                        Ray_Interp_Add<RAY_CPU>(g, gli[static_cast<size_t>(st.index[c])], st.wx[c & 1],
+                                                st.wy[(c >> 1) & 1], st.wz[c >> 2]);
+                if (g == 0.0f) continue;
+                seen++;
+                ASSERT_TRUE(above0(L->grey_near[block(vox)])) << "hot " << hot << " voxel " << v << " point " << k;
+                int cell[3];
+                bool inside = true;
+                for (int ax = 0; ax < 3; ax++) {
+                    cell[ax] = static_cast<int>(pos[ax]);
+                    inside = inside && pos[ax] >= 0.0f && cell[ax] < dim[ax];
+                }
+                if (inside) {
+                    ASSERT_TRUE(above0(L->grey_own[block(cell)])) << "hot " << hot << " point " << k;
+                }
+            }
+        }
+        EXPECT_GT(seen, 0);
+        Ray_Render_Layout_Release(L);
+    }
+}
