@@ -531,10 +531,10 @@ static Ray_Byte_Verdict worker_run(int i, const char* tag, unsigned char* buf)
         /*
          * Choose the slot with most tasks left and take its next task; with
          * the library's own pixel and no trace sink listening, its next
-         * tasks of the slot up to a packet of rays, walked together.
+         * tasks of the slot up to a batch, walked together in packets.
          */
         Ray_Pixel_Fn pixel = Ray_Dispatch_Pixel.load(std::memory_order_relaxed);
-        int batch_max = (pixel == &Ray_Pixel_View && Corekit_Trace_Listening() == 0) ? RAY_PACKET_LANES : 1;
+        int batch_max = (pixel == &Ray_Pixel_View && Corekit_Trace_Listening() == 0) ? RAY_BATCH : 1;
         Critical_Ray_In(tag);
         int next;
         int s = Ray_Choose_Slot(Ray_Thread_Next, &next);
@@ -546,8 +546,8 @@ static Ray_Byte_Verdict worker_run(int i, const char* tag, unsigned char* buf)
             return RAY_VERDICT_WORK;
         }
         int nb = next + 1 < batch_max ? next + 1 : batch_max;
-        int x[RAY_PACKET_LANES], y[RAY_PACKET_LANES], w[RAY_PACKET_LANES], h[RAY_PACKET_LANES];
-        int level[RAY_PACKET_LANES];
+        int x[RAY_BATCH], y[RAY_BATCH], w[RAY_BATCH], h[RAY_BATCH];
+        int level[RAY_BATCH];
         for (int k = 0; k < nb; k++) {
             int t = next - k;
             x[k] = Ray_Thread_I[s][t];
@@ -564,7 +564,7 @@ static Ray_Byte_Verdict worker_run(int i, const char* tag, unsigned char* buf)
         Critical_Ray_Out(tag);
 
         /* Cast, without the lock. */
-        unsigned int colour[RAY_PACKET_LANES];
+        unsigned int colour[RAY_BATCH];
         if (nb == 1)
             colour[0] = pixel(s, view, x[0], y[0]);
         else

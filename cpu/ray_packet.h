@@ -20,6 +20,8 @@
 
 /* Rays a packet walks at once. */
 #define RAY_PACKET_LANES 8
+/* Pixels a worker casts per batch of tasks. */
+#define RAY_BATCH 32
 
 /* Everything the packet walk reads, taken once per batch of rays. */
 struct Ray_Packet_Scene {

@@ -19,6 +19,7 @@
 #if defined(__AVX2__)
 #include <immintrin.h>
 
+#include <cmath>
 #include <cstddef>
 
 namespace {
@@ -147,6 +148,108 @@ inline I8 dda_step(Lanes& r, const I8* dim)
     }
     for (int a = 0; a < 3; a++) r.active = and_(r.active, below(r.vox[a], dim[a]));
     return t;
+}
+
+/* Eight lanes of doubles, as two registers of four (lanes 0-3, 4-7): integers up to 2^53 exactly. */
+struct D8 {
+    __m256d lo, hi;
+};
+inline D8 to_d(I8 v)
+{
+    return {_mm256_cvtepi32_pd(_mm256_castsi256_si128(v)), _mm256_cvtepi32_pd(_mm256_extracti128_si256(v, 1))};
+}
+/* Integral values within 32 bits back to lanes. */
+inline I8 to_i(D8 d) { return _mm256_set_m128i(_mm256_cvttpd_epi32(d.hi), _mm256_cvttpd_epi32(d.lo)); }
+inline D8 add(D8 a, D8 b) { return {_mm256_add_pd(a.lo, b.lo), _mm256_add_pd(a.hi, b.hi)}; }
+inline D8 sub(D8 a, D8 b) { return {_mm256_sub_pd(a.lo, b.lo), _mm256_sub_pd(a.hi, b.hi)}; }
+inline D8 mul(D8 a, D8 b) { return {_mm256_mul_pd(a.lo, b.lo), _mm256_mul_pd(a.hi, b.hi)}; }
+inline D8 min_(D8 a, D8 b) { return {_mm256_min_pd(a.lo, b.lo), _mm256_min_pd(a.hi, b.hi)}; }
+inline D8 max_(D8 a, D8 b) { return {_mm256_max_pd(a.lo, b.lo), _mm256_max_pd(a.hi, b.hi)}; }
+/* The smallest integer at or above a / b, for integers a and b > 0 below 2^53: the quotient is never within rounding of another integer. */
+inline D8 ceil_div(D8 a, D8 b)
+{
+    const int up = _MM_FROUND_TO_POS_INF | _MM_FROUND_NO_EXC;
+    return {_mm256_round_pd(_mm256_div_pd(a.lo, b.lo), up), _mm256_round_pd(_mm256_div_pd(a.hi, b.hi), up)};
+}
+/* m ? a : b for lanes of doubles. */
+inline D8 sel(I8 m, D8 a, D8 b)
+{
+    __m256d lo = _mm256_castsi256_pd(_mm256_cvtepi32_epi64(_mm256_castsi256_si128(m)));
+    __m256d hi = _mm256_castsi256_pd(_mm256_cvtepi32_epi64(_mm256_extracti128_si256(m, 1)));
+    return {_mm256_blendv_pd(b.lo, a.lo, lo), _mm256_blendv_pd(b.hi, a.hi, hi)};
+}
+/* a <= b per lane, as a lane mask. */
+inline I8 d_le(D8 a, D8 b)
+{
+    const I8 even = _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6);
+    __m256 lo = _mm256_permutevar8x32_ps(_mm256_castpd_ps(_mm256_cmp_pd(a.lo, b.lo, _CMP_LE_OQ)), even);
+    __m256 hi = _mm256_permutevar8x32_ps(_mm256_castpd_ps(_mm256_cmp_pd(a.hi, b.hi, _CMP_LE_OQ)), even);
+    return _mm256_castps_si256(_mm256_blend_ps(lo, hi, 0xF0));
+}
+
+/*
+ * Lanes m, each in a macro block where every step is leaped: the DDA
+ * crossings before the first one that leaves the macro block (or the
+ * volume) or that could end the ray, taken at once.  Each lane ends where
+ * the one-ray walk, leaping step by step, would be after those crossings:
+ * the same voxel, next crossings and previous crossing.  A lane whose
+ * crossings would not all stay within 32 bits, or with an axis that does
+ * not step forward before them, is left to step.  Returns the lanes that
+ * moved.
+ */
+inline I8 jump(Lanes& r, const I8* dim, I8 m)
+{
+    const int side = 1 << (RAY_BLOCK_SHIFT + RAY_MACRO_SHIFT);
+    const D8 inf = {_mm256_set1_pd(INFINITY), _mm256_set1_pd(INFINITY)};
+    /* The first crossing not taken: any axis's end, or the macro block's exit on a stepping axis. */
+    D8 tau = to_d(_mm256_min_epi32(_mm256_min_epi32(r.t_end[0], r.t_end[1]), r.t_end[2]));
+    D8 tm[3], de[3];
+    I8 stepping[3];
+    for (int a = 0; a < 3; a++) {
+        I8 lo = and_(r.vox[a], i8(~(side - 1)));
+        I8 hi = _mm256_min_epi32(add(lo, i8(side - 1)), sub(dim[a], i8(1)));
+        I8 left = sel(gt(r.step[a], i8(0)), sub(hi, r.vox[a]), sub(r.vox[a], lo));
+        stepping[a] = gt(r.delta[a], i8(0));
+        tm[a] = to_d(r.t_max[a]);
+        de[a] = to_d(r.delta[a]);
+        tau = min_(tau, sel(stepping[a], add(tm[a], mul(to_d(left), de[a])), inf));
+    }
+    /* Crossings per axis before tau, the axis's next crossing after them, the last one taken. */
+    const D8 zero = {_mm256_setzero_pd(), _mm256_setzero_pd()};
+    const D8 top = {_mm256_set1_pd(2147483647.0), _mm256_set1_pd(2147483647.0)};
+    D8 last = {_mm256_set1_pd(-INFINITY), _mm256_set1_pd(-INFINITY)};
+    I8 ok = m, any_j = _mm256_setzero_si256();
+    I8 j[3];
+    D8 next[3];
+    for (int a = 0; a < 3; a++) {
+        D8 k = max_(zero, ceil_div(sub(tau, tm[a]), sel(stepping[a], de[a], top)));
+        k = sel(stepping[a], k, zero);
+        ok = and_(ok, or_(stepping[a], d_le(tau, tm[a])));
+        next[a] = add(tm[a], mul(k, de[a]));
+        ok = and_(ok, d_le(next[a], top));
+        j[a] = to_i(k);
+        I8 some = gt(j[a], i8(0));
+        any_j = or_(any_j, some);
+        last = max_(last, sel(some, sub(next[a], de[a]), last));
+    }
+    I8 moved = and_(ok, any_j);
+    if (!any(moved)) return moved;
+    for (int a = 0; a < 3; a++) {
+        r.t_max[a] = sel(moved, to_i(next[a]), r.t_max[a]);
+        r.vox[a] = sel(moved, add(r.vox[a], mul(r.step[a], j[a])), r.vox[a]);
+    }
+    r.t_prev = sel(moved, to_i(last), r.t_prev);
+    return moved;
+}
+
+/* Macro block index of voxel (x, y, z) per lane. */
+inline I8 macro_of(const Ray_Render_Layout& L, const I8* v)
+{
+    const int shift = RAY_BLOCK_SHIFT + RAY_MACRO_SHIFT;
+    I8 bx = _mm256_srli_epi32(v[0], shift);
+    I8 by = _mm256_srli_epi32(v[1], shift);
+    I8 bz = _mm256_srli_epi32(v[2], shift);
+    return add(mul(add(mul(bz, i8(L.mdim[1])), by), i8(L.mdim[0])), bx);
 }
 
 /* Block index of voxel (x, y, z) per lane, as the one-ray sampler's block_of. */
@@ -420,6 +523,13 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
         }
         r.t_prev = sel(r.active, t, r.t_prev);
         near = next;
+        /* Lanes in a macro block where every step is leaped cross it at once (their near bound stays below the cut). */
+        I8 empty = zero_any_tag(near, cut, r.active);
+        if (any(empty)) {
+            F8 macro = grey_bound(L.grey_macro, macro_of(L, r.vox), empty);
+            I8 across = zero_any_tag(macro, cut, empty);
+            if (any(across)) near = sel(jump(r, dim, across), macro, near);
+        }
         prefetch_rows(L, r.vox, andnot(zero_any_tag(near, cut, r.active), r.active));
         t = dda_step(r, dim);
         next = grey_bound(L.grey_near, block_of(L, r.vox), r.active);

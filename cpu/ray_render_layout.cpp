@@ -158,6 +158,23 @@ static void build_bounds(Ray_Render_Layout* L)
         L->any_nan = L->any_nan || !(o.flags & RAY_BLOCK_NO_NAN);
     }
     L->grey_own[nb] = L->grey_near[nb] = 0;
+
+    /* Macro blocks: the largest near bound of their blocks. */
+    size_t nm = static_cast<size_t>(L->mdim[0]) * L->mdim[1] * L->mdim[2];
+    std::vector<float> macro(nm, -INFINITY);
+    for (int z = 0; z < bz; z++)
+        for (int y = 0; y < by; y++)
+            for (int x = 0; x < bx; x++) {
+                unsigned int u = static_cast<unsigned int>(L->grey_near[(static_cast<size_t>(z) * by + y) * bx + x]) << 16;
+                float g;
+                memcpy(&g, &u, sizeof g);
+                float& m = macro[(static_cast<size_t>(z >> RAY_MACRO_SHIFT) * L->mdim[1] + (y >> RAY_MACRO_SHIFT)) *
+                                     L->mdim[0] +
+                                 (x >> RAY_MACRO_SHIFT)];
+                m = g > m ? g : m;
+            }
+    for (size_t k = 0; k < nm; k++) L->grey_macro[k] = Ray_Grey16_Of(macro[k]);
+    L->grey_macro[nm] = 0;
 }
 
 Ray_Grey16 Ray_Grey16_Of(float bound)
@@ -181,7 +198,9 @@ Ray_Render_Layout* Ray_Render_Layout_Build(int dx, int dy, int dz, const float* 
     L->dim[1] = dy;
     L->dim[2] = dz;
     for (int a = 0; a < 3; a++) L->bdim[a] = ((L->dim[a] - 1) >> RAY_BLOCK_SHIFT) + 1;
+    for (int a = 0; a < 3; a++) L->mdim[a] = ((L->bdim[a] - 1) >> RAY_MACRO_SHIFT) + 1;
     size_t nb = static_cast<size_t>(L->bdim[0]) * L->bdim[1] * L->bdim[2];
+    size_t nm = static_cast<size_t>(L->mdim[0]) * L->mdim[1] * L->mdim[2];
     L->voxel = static_cast<float*>(Ray_Malloc((n * RAY_CH_NB + RAY_LAYOUT_PAD) * sizeof(float), __LINE__, RAY_SRC,
                                               "Ray_Render_Layout.voxel", static_cast<int>(n), 4 * RAY_CH_NB));
     if (L->voxel)
@@ -193,7 +212,10 @@ Ray_Render_Layout* Ray_Render_Layout_Build(int dx, int dy, int dz, const float* 
     if (L->grey_own)
         L->grey_near = static_cast<Ray_Grey16*>(Ray_Malloc((nb + 1) * sizeof(Ray_Grey16), __LINE__, RAY_SRC,
                                                             "Ray_Render_Layout.grey_near", static_cast<int>(nb + 1), 2));
-    if (!L->grey_near) {
+    if (L->grey_near)
+        L->grey_macro = static_cast<Ray_Grey16*>(Ray_Malloc((nm + 1) * sizeof(Ray_Grey16), __LINE__, RAY_SRC,
+                                                             "Ray_Render_Layout.grey_macro", static_cast<int>(nm + 1), 2));
+    if (!L->grey_macro) {
         Ray_Render_Layout_Release(L);
         return nullptr;
     }
@@ -217,6 +239,7 @@ void Ray_Render_Layout_Release(Ray_Render_Layout* L)
     free(L->block);
     free(L->grey_own);
     free(L->grey_near);
+    free(L->grey_macro);
     free(L);
 }
 
@@ -225,5 +248,7 @@ size_t Ray_Render_Layout_Bytes(const Ray_Render_Layout* L)
     if (!L) return 0;
     size_t n = static_cast<size_t>(L->dim[0]) * L->dim[1] * L->dim[2];
     size_t nb = static_cast<size_t>(L->bdim[0]) * L->bdim[1] * L->bdim[2];
-    return sizeof *L + (n * RAY_CH_NB + RAY_LAYOUT_PAD) * sizeof(float) + nb * sizeof(Ray_Block_Bound) + 2 * (nb + 1) * sizeof(Ray_Grey16);
+    size_t nm = static_cast<size_t>(L->mdim[0]) * L->mdim[1] * L->mdim[2];
+    return sizeof *L + (n * RAY_CH_NB + RAY_LAYOUT_PAD) * sizeof(float) + nb * sizeof(Ray_Block_Bound) +
+           (2 * (nb + 1) + nm + 1) * sizeof(Ray_Grey16);
 }

@@ -54,6 +54,12 @@ struct Ray_Block_Bound {
  */
 typedef unsigned short Ray_Grey16;
 Ray_Grey16 Ray_Grey16_Of(float bound);
+/*
+ * log2 of a macro block's side in blocks: per macro block the largest near
+ * bound of its blocks, so that a packet lane in a macro block where every
+ * step is leaped takes the steps up to the block's faces at once.
+ */
+#define RAY_MACRO_SHIFT 2
 struct Ray_Render_Layout {
     int dim[3];
     int bdim[3];               /* blocks per axis */
@@ -61,6 +67,8 @@ struct Ray_Render_Layout {
     Ray_Block_Bound* block;    /* bdim[0] * bdim[1] * bdim[2], x fastest */
     Ray_Grey16* grey_own;      /* per block: a_hi <= 0 ? -inf : g_hi, then one unused entry */
     Ray_Grey16* grey_near;     /* per block: a_near <= 0 ? -inf : g_near, then one unused entry */
+    int mdim[3];               /* macro blocks per axis */
+    Ray_Grey16* grey_macro;    /* per macro block: the largest grey_near of its blocks, then one unused entry */
     bool any_nan;              /* some block's stencils hold a NaN */
 };
 

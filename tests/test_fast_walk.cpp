@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <string>
 #include <vector>
 
 #include "core/ray_core.h"
@@ -106,6 +107,37 @@ unsigned int plain_pixel(int slot, int i, int j, int W, int H)
     return Ray_Cast<RAY_CPU>(eye, unit, sc, run);
 }
 
+/*
+ * Every pixel of a W x H frame of slot equal to the plain walk's: as
+ * Ray_Pixel gives it (when single), and in rows through Ray_Pixels_View
+ * with the packets of each build this processor runs, and without.
+ */
+void expect_frame(int slot, int W, int H, bool single, const std::string& what)
+{
+    int differ = 0, differ_rows[RAY_PACKET_AVX512 + 1] = {};
+    Ray_View view;
+    Ray_View_Of(slot, W, H, &view);
+    std::vector<int> is(W), js(W);
+    std::vector<unsigned int> row[RAY_PACKET_AVX512 + 1];
+    for (int j = 0; j < H; j++) {
+        for (int i = 0; i < W; i++) is[i] = i, js[i] = j;
+        for (int kind = RAY_PACKET_NONE; kind <= RAY_PACKET_AVX512; kind++) {
+            Ray_Packet_Widest = kind;
+            row[kind].resize(W);
+            Ray_Pixels_View(slot, view, W, is.data(), js.data(), row[kind].data());
+        }
+        for (int i = 0; i < W; i++) {
+            unsigned int want = plain_pixel(slot, i, j, W, H);
+            if (single) differ += Ray_Pixel(slot, i, j, W, H) != want;
+            for (int kind = RAY_PACKET_NONE; kind <= RAY_PACKET_AVX512; kind++) differ_rows[kind] += row[kind][i] != want;
+        }
+    }
+    Ray_Packet_Widest = RAY_PACKET_AVX512;
+    ASSERT_EQ(differ, 0) << what;
+    for (int kind = RAY_PACKET_NONE; kind <= RAY_PACKET_AVX512; kind++)
+        ASSERT_EQ(differ_rows[kind], 0) << "rows, packets " << kind << ": " << what;
+}
+
 }  // namespace
 
 /* 300 random scenes, each also with the threshold moved between two frames, then as the packets take them. */
@@ -132,29 +164,46 @@ TEST(FastWalk, SameWordAsThePlainWalk)
                 Ray_Params.light_dir[2] = Vector_4(0.0f, 0.0f, 1.0f, 0.0f);
             }
             if (frame == 3) Ray_Params.threshold = rng.unit();
-            int differ = 0, differ_rows[RAY_PACKET_AVX512 + 1] = {};
-            Ray_View view;
-            Ray_View_Of(slot, W, H, &view);
-            for (int j = 0; j < H; j++) {
-                int is[W], js[W];
-                unsigned int row[RAY_PACKET_AVX512 + 1][W];
-                for (int i = 0; i < W; i++) is[i] = i, js[i] = j;
-                /* the rows in packets of each build this processor runs, and without */
-                for (int kind = RAY_PACKET_NONE; kind <= RAY_PACKET_AVX512; kind++) {
-                    Ray_Packet_Widest = kind;
-                    Ray_Pixels_View(slot, view, W, is, js, row[kind]);
-                }
-                for (int i = 0; i < W; i++) {
-                    unsigned int want = plain_pixel(slot, i, j, W, H);
-                    differ += Ray_Pixel(slot, i, j, W, H) != want;
-                    for (int kind = RAY_PACKET_NONE; kind <= RAY_PACKET_AVX512; kind++)
-                        differ_rows[kind] += row[kind][i] != want;
-                }
-            }
-            ASSERT_EQ(differ, 0) << "scene " << scene << " frame " << frame;
-            for (int kind = RAY_PACKET_NONE; kind <= RAY_PACKET_AVX512; kind++)
-                ASSERT_EQ(differ_rows[kind], 0) << "rows, packets " << kind << ": scene " << scene << " frame " << frame;
+            std::string what = "scene " + std::to_string(scene) + " frame " + std::to_string(frame);
+            ASSERT_NO_FATAL_FAILURE(expect_frame(slot, W, H, true, what));
         }
+        Scene_Uninstall(slot);
+    }
+    Corekit_Set_Random(nullptr);
+}
+
+/*
+ * Large volumes, empty but for a few small boxes, as the packets take them:
+ * lanes cross whole empty regions at once before and after the boxes.
+ */
+TEST(FastWalk, LongEmptyStretchesAsThePlainWalk)
+{
+    const int slot = 3, W = 24, H = 20;
+    Critical_Ray_Create();
+    Ray_Thread_Run = 1;
+    Corekit_Set_Random(&next_draw);
+    for (int scene = 0; scene < 40; scene++) {
+        Rng rng{static_cast<uint64_t>(scene) * 40503u + 7};
+        float thr = 0.2f + 0.5f * rng.unit();
+        Scene_Phantom p;
+        for (int a = 0; a < 3; a++) p.dim[a] = rng.range(33, 72);
+        size_t n = static_cast<size_t>(p.dim[0]) * p.dim[1] * p.dim[2];
+        p.gli.assign(n, 0.0f), p.tag.assign(n, 0);
+        for (int b = rng.range(2, 10); b > 0; b--) {
+            int lo[3];
+            for (int a = 0; a < 3; a++) lo[a] = rng.range(0, p.dim[a] - 6);
+            float v = thr + 0.1f + rng.unit() * 0.6f;
+            for (int z = lo[2]; z < lo[2] + rng.range(1, 6); z++)
+                for (int y = lo[1]; y < lo[1] + 5; y++)
+                    for (int x = lo[0]; x < lo[0] + 4; x++) p.gli[Scene_Index(p, x, y, z)] = v;
+        }
+        Scene_Gradient(p);
+        Scene_Install(slot, p);
+        random_scene(slot, rng, thr);
+        Ray_Volume.vol_flag[slot] = 0;
+        Ray_Params.col_mode = static_cast<unsigned char>(scene & 1);
+        g_draw[0] = rng.unit() * 2.0f - 1.0f, g_draw[1] = rng.unit() * 2.0f - 1.0f;
+        ASSERT_NO_FATAL_FAILURE(expect_frame(slot, W, H, false, "scene " + std::to_string(scene)));
         Scene_Uninstall(slot);
     }
     Corekit_Set_Random(nullptr);
