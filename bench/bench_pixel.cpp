@@ -7,8 +7,9 @@
  *   BM_Ray_Pixel_Frame     the frame through Ray_Pixel, as a ray worker
  *                          casts it: render layout, run flag read without
  *                          the lock (no trace sink listens)
- *   BM_Ray_Packet_Frame    the frame in the workers' batches of eight (AVX2 build, AVX-512 build)
- *                          pixels, walked side by side where AVX2 runs
+ *   BM_Ray_Packet_Frame    the frame in rows of eight pixels walked side by
+ *                          side, by the AVX2 build (/1) and the AVX-512
+ *                          build (/2) where the processor runs them
  *   BM_Plain_Locked_Frame  the same rays through the plain walk over the
  *                          five separate volumes, the run flag read under
  *                          the lock at every step: the figure before the

@@ -129,8 +129,8 @@ TEST(Lifecycle, CyclesCountThreadsAndLeaveNothing)
     }
 }
 
-/* The workers' own pixel with no sink listening: tasks taken eight at a time and, where the processor has
- * AVX2, walked side by side.  The frame equals Ray_Pixel word for word with one and with two workers. */
+/* The workers' own pixel with no sink listening: tasks taken 32 at a time and, where the processor has
+ * AVX2, walked eight side by side.  The frame equals Ray_Pixel word for word with one and with two workers. */
 TEST(Lifecycle, BatchedFrameEqualsThePixels)
 {
     for (int workers : {1, 2}) {
