@@ -371,7 +371,11 @@ void interpolate(const Ray_Packet_Scene& ps, const F8* pos, const I8* cell, I8 m
     }
 }
 
-/* Asks the caches for the rows of the stencils of voxels v, lanes m, ahead of their samples. */
+/*
+ * Asks the caches for the rows of the stencils of voxels v, lanes m, ahead
+ * of their samples: four rows of two voxels, each of which may cross a
+ * cache line.
+ */
 inline void prefetch_rows(const Ray_Render_Layout& L, const I8* v, I8 m)
 {
     int lanes = any(m);
@@ -383,10 +387,11 @@ inline void prefetch_rows(const Ray_Render_Layout& L, const I8* v, I8 m)
     for (int l = 0; l < 8; l++) {
         if (!((lanes >> l) & 1)) continue;
         const float* at = L.voxel + static_cast<unsigned int>(first[l]);
-        _mm_prefetch(reinterpret_cast<const char*>(at), _MM_HINT_T0);
-        _mm_prefetch(reinterpret_cast<const char*>(at + row), _MM_HINT_T0);
-        _mm_prefetch(reinterpret_cast<const char*>(at + slice), _MM_HINT_T0);
-        _mm_prefetch(reinterpret_cast<const char*>(at + slice + row), _MM_HINT_T0);
+        const size_t rows[4] = {0, row, slice, slice + row};
+        for (size_t o : rows) {
+            _mm_prefetch(reinterpret_cast<const char*>(at + o), _MM_HINT_T0);
+            _mm_prefetch(reinterpret_cast<const char*>(at + o + 2 * RAY_CH_NB - 1), _MM_HINT_T0);
+        }
     }
 }
 
