@@ -77,6 +77,16 @@ inline I8 byte_gather(const unsigned char* p, I8 index, I8 m)
     return and_(_mm256_srlv_epi32(word, _mm256_slli_epi32(sub(index, from), 3)), i8(0xFF));
 }
 
+/*
+ * The run flag with an acquire load, as a builtin: std::atomic's member
+ * functions are inline functions of a shared header (not inlined at -O0).
+ */
+inline int run_flag(const std::atomic<int>* run)
+{
+    static_assert(sizeof(std::atomic<int>) == sizeof(int), "the flag is a plain int in memory");
+    return __atomic_load_n(reinterpret_cast<const int*>(run), __ATOMIC_ACQUIRE);
+}
+
 /* Ray_Clamp01: 0 at or below 0, 1 at or above 1, NaN passes. */
 inline F8 clamp01(F8 x)
 {
@@ -242,23 +252,22 @@ inline I8 jump(Lanes& r, const I8* dim, I8 m)
     return moved;
 }
 
-/* Macro block index of voxel (x, y, z) per lane. */
-inline I8 macro_of(const Ray_Render_Layout& L, const I8* v)
+/* Index of the block of side 2^shift, in a grid of n[0] x n[1] blocks, of voxel (x, y, z) per lane. */
+inline I8 grid_index(const I8* v, int shift, const int* n)
 {
-    const int shift = RAY_BLOCK_SHIFT + RAY_MACRO_SHIFT;
     I8 bx = _mm256_srli_epi32(v[0], shift);
     I8 by = _mm256_srli_epi32(v[1], shift);
     I8 bz = _mm256_srli_epi32(v[2], shift);
-    return add(mul(add(mul(bz, i8(L.mdim[1])), by), i8(L.mdim[0])), bx);
+    return add(mul(add(mul(bz, i8(n[1])), by), i8(n[0])), bx);
 }
 
 /* Block index of voxel (x, y, z) per lane, as the one-ray sampler's block_of. */
-inline I8 block_of(const Ray_Render_Layout& L, const I8* v)
+inline I8 block_of(const Ray_Render_Layout& L, const I8* v) { return grid_index(v, RAY_BLOCK_SHIFT, L.bdim); }
+
+/* Macro block index of voxel (x, y, z) per lane. */
+inline I8 macro_of(const Ray_Render_Layout& L, const I8* v)
 {
-    I8 bx = _mm256_srli_epi32(v[0], RAY_BLOCK_SHIFT);
-    I8 by = _mm256_srli_epi32(v[1], RAY_BLOCK_SHIFT);
-    I8 bz = _mm256_srli_epi32(v[2], RAY_BLOCK_SHIFT);
-    return add(mul(add(mul(bz, i8(L.bdim[1])), by), i8(L.bdim[0])), bx);
+    return grid_index(v, RAY_BLOCK_SHIFT + RAY_MACRO_SHIFT, L.mdim);
 }
 
 /* The bound fields of blocks b (Ray_Block_Bound, five 32-bit words each). */
@@ -461,7 +470,7 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
     F8 next = grey_bound(L.grey_near, block_of(L, r.vox), r.active);
     while (any(r.active)) {
         /* A stop request ends every ray. */
-        if (ps.run->load(std::memory_order_acquire) == 0) break;
+        if (run_flag(ps.run) == 0) break;
 
         /* The one-ray walk's leap: the near bound of the block the sample lies in (the voxel left). */
         I8 leap = zero_any_tag(near, cut, r.active);
