@@ -38,8 +38,6 @@ struct Ray_Packet_Scene {
     float light_dir[5][3];
     const unsigned int* phong;       /* 1024 entries */
     const std::atomic<int>* run;     /* the run flag, read once per step of the packet */
-    /* The five channels at pos of a stencil that crosses the volume's faces. */
-    void (*face)(const Ray_Render_Layout* layout, const float* pos, float* val);
 };
 
 /* The builds of the packet walk, narrowest first. */

@@ -317,10 +317,11 @@ inline void corner_channels(const float* const* at, size_t off, F8* v)
 }
 
 /*
- * The five channels at the sample points pos of the lanes m, each summed
- * over the stencil's corners in order with the one-ray sampler's float
- * operations; val[RAY_CH_*].
+ * Channels C0 to C1 - 1 at the sample points pos of the lanes m, each
+ * summed over the stencil's corners in order with the one-ray sampler's
+ * float operations; val[RAY_CH_*] (the other channels left as they are).
  */
+template <int C0, int C1>
 void interpolate(const Ray_Packet_Scene& ps, const F8* pos, const I8* cell, I8 m, I8 no_nan, F8* val)
 {
     const Ray_Render_Layout& L = *ps.layout;
@@ -337,11 +338,13 @@ void interpolate(const Ray_Packet_Scene& ps, const F8* pos, const I8* cell, I8 m
         inside = and_(inside, below(lo[a], i8(L.dim[a] - 1)));
     }
     I8 full = and_(m, inside);
-    for (int ch = 0; ch < RAY_CH_NB; ch++) val[ch] = _mm256_setzero_ps();
-    if (any(full)) {
+    for (int ch = C0; ch < C1; ch++) val[ch] = _mm256_setzero_ps();
+    if (!any(andnot(inside, m))) {
+        if (!any(full)) return;
         /*
-         * Each lane's stencil from its first corner; a lane without one
-         * reads voxel 0's, which exists whenever some lane's does.
+         * Every stencil inside the volume: each lane's from its first
+         * corner; a lane without one reads voxel 0's, which exists whenever
+         * some lane's does.
          */
         alignas(32) int first[8];
         I8 f0 = mul(add(mul(add(mul(lo[2], i8(L.dim[1])), lo[1]), i8(L.dim[0])), lo[0]), i8(RAY_CH_NB));
@@ -356,27 +359,37 @@ void interpolate(const Ray_Packet_Scene& ps, const F8* pos, const I8* cell, I8 m
             F8 v[RAY_CH_NB];
             corner_channels(at, off, v);
             F8 wx = w[0][c & 1], wy = w[1][(c >> 1) & 1], wz = w[2][c >> 2];
-            for (int ch = 0; ch < RAY_CH_NB; ch++) {
+            for (int ch = C0; ch < C1; ch++) {
                 F8 p = mul(mul(mul(v[ch], wx), wy), wz);
                 F8 s = add(val[ch], p);
                 val[ch] = nans ? sel(mask(_mm256_cmp_ps(v[ch], v[ch], _CMP_ORD_Q)), s, val[ch]) : s;
             }
         }
+        return;
     }
-    int face = any(andnot(inside, m));
-    if (face) {
-        /* Stencils across the faces, rare: one lane at a time. */
-        alignas(32) float p[3][8], v[RAY_CH_NB][8];
-        for (int a = 0; a < 3; a++) _mm256_store_ps(p[a], pos[a]);
-        for (int ch = 0; ch < RAY_CH_NB; ch++) _mm256_store_ps(v[ch], val[ch]);
-        for (int l = 0; l < 8; l++) {
-            if (!((face >> l) & 1)) continue;
-            const float at[3] = {p[0][l], p[1][l], p[2][l]};
-            float out[RAY_CH_NB];
-            ps.face(&L, at, out);
-            for (int ch = 0; ch < RAY_CH_NB; ch++) v[ch][l] = out[ch];
+    /*
+     * Some stencils cross the volume's faces: corner by corner, each lane's
+     * corners outside the volume left out (a lane reads voxel 0 for them),
+     * as the plain sampler does.
+     */
+#pragma GCC unroll 8
+    for (int c = 0; c < 8; c++) {
+        const I8 corner[3] = {add(lo[0], i8(c & 1)), add(lo[1], i8((c >> 1) & 1)), add(lo[2], i8(c >> 2))};
+        I8 valid = m;
+        for (int a = 0; a < 3; a++) valid = and_(valid, below(corner[a], i8(L.dim[a])));
+        alignas(32) int index[8];
+        I8 i0 = mul(add(mul(add(mul(corner[2], i8(L.dim[1])), corner[1]), i8(L.dim[0])), corner[0]), i8(RAY_CH_NB));
+        _mm256_store_si256(reinterpret_cast<I8*>(index), and_(i0, valid));
+        const float* at[8];
+        for (int l = 0; l < 8; l++) at[l] = L.voxel + index[l];
+        F8 v[RAY_CH_NB];
+        corner_channels(at, 0, v);
+        F8 wx = w[0][c & 1], wy = w[1][(c >> 1) & 1], wz = w[2][c >> 2];
+        for (int ch = C0; ch < C1; ch++) {
+            F8 p = mul(mul(mul(v[ch], wx), wy), wz);
+            F8 s = add(val[ch], p);
+            val[ch] = sel(and_(valid, mask(_mm256_cmp_ps(v[ch], v[ch], _CMP_ORD_Q))), s, val[ch]);
         }
-        for (int ch = 0; ch < RAY_CH_NB; ch++) val[ch] = _mm256_load_ps(v[ch]);
     }
 }
 
@@ -466,6 +479,7 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
      * before it is read.
      */
     F8 near = grey_bound(L.grey_near, block_of(L, r.vox), r.active);
+    bool grey_first = false;
     I8 t = dda_step(r, dim);
     F8 next = grey_bound(L.grey_near, block_of(L, r.vox), r.active);
     while (any(r.active)) {
@@ -502,7 +516,10 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
                 I8 flags = _mm256_castps_si256(block_field(L, bs, 4, bounded));
                 no_nan = and_(bounded, gt(and_(flags, i8(RAY_BLOCK_NO_NAN)), i8(0)));
             }
-            smp = andnot(zero_any_tag(grey_bound(L.grey_own, bs, bounded), cut, bounded), smp);
+            F8 own = grey_bound(L.grey_own, bs, bounded);
+            smp = andnot(zero_any_tag(own, cut, bounded), smp);
+            /* Lanes whose magnitudes are all finite: a grey level at or below the cut makes their opacity 0. */
+            I8 finite = and_(bounded, f_lt(own, f8(INFINITY)));
 
             int todo = any(smp);
             if (todo) {
@@ -514,9 +531,23 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
                     I8 coloured = andnot(_mm256_cmpeq_epi32(mc, i8(0)), smp);
                     base = sel(coloured, gather(reinterpret_cast<const int*>(ps.tag_col), mc, coloured), base);
                 }
-                /* Opacity of colour modes 0 and 1. */
+                /*
+                 * The grey level first where the last sampling step had no
+                 * lane above the cut: the other channels only when one is.
+                 */
                 F8 val[RAY_CH_NB];
-                interpolate(ps, pos, cell, smp, no_nan, val);
+                bool open = true;
+                if (grey_first) {
+                    interpolate<RAY_CH_G, RAY_CH_G + 1>(ps, pos, cell, smp, no_nan, val);
+                    open = any(andnot(and_(f_le(val[RAY_CH_G], cut), finite), smp)) != 0;
+                    if (open) interpolate<RAY_CH_G + 1, RAY_CH_NB>(ps, pos, cell, smp, no_nan, val);
+                } else {
+                    interpolate<0, RAY_CH_NB>(ps, pos, cell, smp, no_nan, val);
+                    open = any(andnot(and_(f_le(val[RAY_CH_G], cut), finite), smp)) != 0;
+                }
+                grey_first = !open;
+                if (open) {
+                /* Opacity of colour modes 0 and 1. */
                 F8 alpha = mul(mul(clamp01(mul(f8(4.0f), val[RAY_CH_A])), w),
                                clamp01(mul(f8(5.0f), sub(val[RAY_CH_G], cut))));
                 I8 lit = and_(smp, mask(_mm256_cmp_ps(alpha, f8(0.0f), _CMP_NEQ_UQ)));
@@ -532,6 +563,7 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
                     r.T = sel(lit, mul(r.T, keep), r.T);
                     /* Opaque enough. */
                     r.active = andnot(and_(lit, f_le(r.T, f8(RAY_OPAQUE))), r.active);
+                }
                 }
             }
         }

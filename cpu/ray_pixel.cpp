@@ -334,15 +334,6 @@ Ray_Packet_Walk_Fn Ray_Packet_Walk_For(int kind)
     return nullptr;
 }
 
-/* The packet walk's stencils across the faces: the layout sampler's own. */
-static void face_sample(const Ray_Render_Layout* layout, const float* pos, float* val)
-{
-    Ray_Scene unused = {};
-    Ray_Layout_Sampler smp(unused, *layout);
-    smp.at(pos);
-    for (int ch = 0; ch < RAY_CH_NB; ch++) val[ch] = smp.val[ch];
-}
-
 /*
  * Whether the packet walk computes the rays of scene sc: a render layout
  * whose channel offsets fit its 32-bit lanes and of four voxels at least, no clip box, colour mode 0
@@ -384,7 +375,6 @@ static void packet_scene(int slot, const Ray_Scene& sc, Ray_Packet_Scene* ps)
     }
     ps->phong = sc.phong;
     ps->run = &Ray_Thread_Run;
-    ps->face = &face_sample;
 }
 
 void Ray_Pixels_View(int slot, const Ray_View& view, int n, const int* i, const int* j, unsigned int* out)
