@@ -21,6 +21,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 
 namespace {
 
@@ -291,6 +292,16 @@ inline F8 grey_bound(const Ray_Grey16* t, I8 b, I8 m)
 /* Ray_Alpha_Is_Zero_Any_Tag for colour modes 0 and 1 with a finite threshold, from a folded bound. */
 inline I8 zero_any_tag(F8 bound, F8 cut, I8 m) { return and_(f_le(bound, cut), m); }
 
+/* at[l] = base + index (in floats, 0 <= index < 2^31) of lane l. */
+inline void pointers(const float* base, I8 index, const float** at)
+{
+    const __m256i b = _mm256_set1_epi64x(static_cast<long long>(reinterpret_cast<uintptr_t>(base)));
+    __m256i lo = _mm256_cvtepu32_epi64(_mm256_castsi256_si128(index));
+    __m256i hi = _mm256_cvtepu32_epi64(_mm256_extracti128_si256(index, 1));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(at), _mm256_add_epi64(b, _mm256_slli_epi64(lo, 2)));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(at + 4), _mm256_add_epi64(b, _mm256_slli_epi64(hi, 2)));
+}
+
 /*
  * Channels 0 to 4 of the voxel at at[l] + off, lane l from at[l]: eight
  * eight-float loads (the layout's padding covers the last voxel's) turned
@@ -346,11 +357,9 @@ void interpolate(const Ray_Packet_Scene& ps, const F8* pos, const I8* cell, I8 m
          * corner; a lane without one reads voxel 0's, which exists whenever
          * some lane's does.
          */
-        alignas(32) int first[8];
         I8 f0 = mul(add(mul(add(mul(lo[2], i8(L.dim[1])), lo[1]), i8(L.dim[0])), lo[0]), i8(RAY_CH_NB));
-        _mm256_store_si256(reinterpret_cast<I8*>(first), and_(f0, full));
         const float* at[8];
-        for (int l = 0; l < 8; l++) at[l] = L.voxel + first[l];
+        pointers(L.voxel, and_(f0, full), at);
         const size_t row = static_cast<size_t>(L.dim[0]), slice = row * static_cast<size_t>(L.dim[1]);
         bool nans = (any(andnot(no_nan, full)) != 0);
 #pragma GCC unroll 8
@@ -377,11 +386,9 @@ void interpolate(const Ray_Packet_Scene& ps, const F8* pos, const I8* cell, I8 m
         const I8 corner[3] = {add(lo[0], i8(c & 1)), add(lo[1], i8((c >> 1) & 1)), add(lo[2], i8(c >> 2))};
         I8 valid = m;
         for (int a = 0; a < 3; a++) valid = and_(valid, below(corner[a], i8(L.dim[a])));
-        alignas(32) int index[8];
         I8 i0 = mul(add(mul(add(mul(corner[2], i8(L.dim[1])), corner[1]), i8(L.dim[0])), corner[0]), i8(RAY_CH_NB));
-        _mm256_store_si256(reinterpret_cast<I8*>(index), and_(i0, valid));
         const float* at[8];
-        for (int l = 0; l < 8; l++) at[l] = L.voxel + index[l];
+        pointers(L.voxel, and_(i0, valid), at);
         F8 v[RAY_CH_NB];
         corner_channels(at, 0, v);
         F8 wx = w[0][c & 1], wy = w[1][(c >> 1) & 1], wz = w[2][c >> 2];
