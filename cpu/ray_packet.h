@@ -32,10 +32,9 @@ struct Ray_Packet_Scene {
     bool tag_colours;                /* col_mode 1 and some tag has a colour index: it takes its colour */
     float clip;                      /* depth clip distance */
     float cut;                       /* threshold - 0.1 */
-    int light_nb;                    /* lights looked at: 0 to 5 (light 0 is the ambient one) */
-    unsigned char light_on[5];
-    unsigned int light_color[5];
-    float light_dir[5][3];
+    int lights;                      /* the directional lights on among those looked at, in order */
+    int light_rgb[5][3];             /* channel bytes of the ambient light, then of those lights */
+    float light_dir[5][3];           /* their directions (entry 0 unused) */
     const unsigned int* phong;       /* 1024 entries */
     const std::atomic<int>* run;     /* the run flag, read once per step of the packet */
 };

@@ -436,13 +436,10 @@ void shade(const Ray_Packet_Scene& ps, I8 c, const F8* n, const F8* dir, I8 m, I
     I8 ck[3] = {byte_of(c, 0), byte_of(c, 1), byte_of(c, 2)};
     I8 back = f_gt(add(add(mul(n[0], dir[0]), mul(n[1], dir[1])), mul(n[2], dir[2])), f8(0.0f));
     I8 s[3];
-    unsigned int lc = ps.light_color[0];
-    for (int k = 0; k < 3; k++) s[k] = _mm256_srli_epi32(mul(i8(static_cast<int>((lc >> (8 * k)) & 0xFFu)), ck[k]), 8);
-    for (int i = 1; i < ps.light_nb; i++) {
-        if (ps.light_on[i] == 0) continue;
-        lc = ps.light_color[i];
+    for (int k = 0; k < 3; k++) s[k] = _mm256_srli_epi32(mul(i8(ps.light_rgb[0][k]), ck[k]), 8);
+    for (int i = 1; i <= ps.lights; i++) {
         I8 lk[3];
-        for (int k = 0; k < 3; k++) lk[k] = i8(static_cast<int>((lc >> (8 * k)) & 0xFFu));
+        for (int k = 0; k < 3; k++) lk[k] = i8(ps.light_rgb[i][k]);
         const F8 L[3] = {f8(ps.light_dir[i][0]), f8(ps.light_dir[i][1]), f8(ps.light_dir[i][2])};
         F8 d = sub(sub(neg(mul(n[0], L[0])), mul(n[1], L[1])), mul(n[2], L[2]));
         I8 diffuse = f_gt(d, f8(0.0f));

@@ -365,13 +365,17 @@ static void packet_scene(int slot, const Ray_Scene& sc, Ray_Packet_Scene* ps)
     ps->tag_colours = sc.col_mode != 0 && indexed;
     ps->clip = sc.clip;
     ps->cut = sc.threshold - 0.1f;
-    ps->light_nb = sc.light_nb < 5 ? sc.light_nb : 5;
-    for (int i = 0; i < 5; i++) {
-        ps->light_on[i] = sc.light_status[i];
-        ps->light_color[i] = sc.light_color[i];
-        ps->light_dir[i][0] = sc.light_dir_x[i * sc.light_stride];
-        ps->light_dir[i][1] = sc.light_dir_y[i * sc.light_stride];
-        ps->light_dir[i][2] = sc.light_dir_z[i * sc.light_stride];
+    /* The ambient light, then the directional lights on among the first light_nb (at most 5). */
+    int looked = sc.light_nb < 5 ? sc.light_nb : 5;
+    for (int k = 0; k < 3; k++) ps->light_rgb[0][k] = static_cast<int>((sc.light_color[0] >> (8 * k)) & 0xFFu);
+    ps->lights = 0;
+    for (int i = 1; i < looked; i++) {
+        if (sc.light_status[i] == 0) continue;
+        int n = ++ps->lights;
+        for (int k = 0; k < 3; k++) ps->light_rgb[n][k] = static_cast<int>((sc.light_color[i] >> (8 * k)) & 0xFFu);
+        ps->light_dir[n][0] = sc.light_dir_x[i * sc.light_stride];
+        ps->light_dir[n][1] = sc.light_dir_y[i * sc.light_stride];
+        ps->light_dir[n][2] = sc.light_dir_z[i * sc.light_stride];
     }
     ps->phong = sc.phong;
     ps->run = &Ray_Thread_Run;

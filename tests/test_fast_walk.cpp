@@ -53,7 +53,7 @@ void random_volume(Scene_Phantom& p, Rng& rng, float thr)
     if (rng.next() % 8 == 0) p.g[1][rng.next() % n] = std::numeric_limits<float>::quiet_NaN();
 }
 
-/* Any colour mode, maps, tag colours and lights; a view from any side, sometimes from inside the volume, one
+/* Any colour mode, maps, tag colours and lights (some off); a view from any side, sometimes from inside the volume, one
  * in four along axes and diagonals (where crossings tie); a clip box on some planes, and a depth clip. */
 void random_scene(int slot, Rng& rng, float thr)
 {
@@ -66,6 +66,7 @@ void random_scene(int slot, Rng& rng, float thr)
         Ray_Params.map_id[t] = static_cast<unsigned char>(rng.range(0, 3));
     for (int c = 1; c < 4; c++) Ray_Params.tag_col[c] = rng.next() & 0xFFFFFF;
     Ray_Params.light_nb = static_cast<unsigned short>(rng.range(1, 5));
+    for (int l = 1; l < 5; l++) Ray_Params.light_status[l] = rng.next() % 4 != 0;
     Matrix_4x4 m;
     bool ties = rng.next() % 4 == 0;
     for (int a = 0; a < 3; a++) {
