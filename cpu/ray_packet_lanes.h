@@ -327,6 +327,26 @@ inline void corner_channels(const float* const* at, size_t off, F8* v)
     v[4] = _mm256_permute2f128_ps(u[0], u[4], 0x31);
 }
 
+/* Index of voxel v per lane, x fastest (Ray_Voxel_Index). */
+inline I8 voxel_index(const Ray_Render_Layout& L, const I8* v)
+{
+    return add(mul(add(mul(v[2], i8(L.dim[1])), v[1]), i8(L.dim[0])), v[0]);
+}
+
+/*
+ * One corner's share of channels C0 to C1 - 1 added to val: value * wx *
+ * wy * wz, in that order, in the lanes keep and where the value is not
+ * NaN (every lane where check is false: no NaN there).
+ */
+template <int C0, int C1>
+inline void add_corner(F8* val, const F8* v, F8 wx, F8 wy, F8 wz, I8 keep, bool check)
+{
+    for (int ch = C0; ch < C1; ch++) {
+        F8 s = add(val[ch], mul(mul(mul(v[ch], wx), wy), wz));
+        val[ch] = check ? sel(and_(keep, mask(_mm256_cmp_ps(v[ch], v[ch], _CMP_ORD_Q))), s, val[ch]) : s;
+    }
+}
+
 /*
  * Channels C0 to C1 - 1 at the sample points pos of the lanes m, each
  * summed over the stencil's corners in order with the one-ray sampler's
@@ -357,9 +377,8 @@ void interpolate(const Ray_Packet_Scene& ps, const F8* pos, const I8* cell, I8 m
          * corner; a lane without one reads voxel 0's, which exists whenever
          * some lane's does.
          */
-        I8 f0 = mul(add(mul(add(mul(lo[2], i8(L.dim[1])), lo[1]), i8(L.dim[0])), lo[0]), i8(RAY_CH_NB));
         const float* at[8];
-        pointers(L.voxel, and_(f0, full), at);
+        pointers(L.voxel, and_(mul(voxel_index(L, lo), i8(RAY_CH_NB)), full), at);
         const size_t row = static_cast<size_t>(L.dim[0]), slice = row * static_cast<size_t>(L.dim[1]);
         bool nans = (any(andnot(no_nan, full)) != 0);
 #pragma GCC unroll 8
@@ -367,12 +386,7 @@ void interpolate(const Ray_Packet_Scene& ps, const F8* pos, const I8* cell, I8 m
             const size_t off = ((c & 1) + ((c & 2) ? row : 0) + ((c & 4) ? slice : 0)) * RAY_CH_NB;
             F8 v[RAY_CH_NB];
             corner_channels(at, off, v);
-            F8 wx = w[0][c & 1], wy = w[1][(c >> 1) & 1], wz = w[2][c >> 2];
-            for (int ch = C0; ch < C1; ch++) {
-                F8 p = mul(mul(mul(v[ch], wx), wy), wz);
-                F8 s = add(val[ch], p);
-                val[ch] = nans ? sel(mask(_mm256_cmp_ps(v[ch], v[ch], _CMP_ORD_Q)), s, val[ch]) : s;
-            }
+            add_corner<C0, C1>(val, v, w[0][c & 1], w[1][(c >> 1) & 1], w[2][c >> 2], ones(), nans);
         }
         return;
     }
@@ -386,17 +400,11 @@ void interpolate(const Ray_Packet_Scene& ps, const F8* pos, const I8* cell, I8 m
         const I8 corner[3] = {add(lo[0], i8(c & 1)), add(lo[1], i8((c >> 1) & 1)), add(lo[2], i8(c >> 2))};
         I8 valid = m;
         for (int a = 0; a < 3; a++) valid = and_(valid, below(corner[a], i8(L.dim[a])));
-        I8 i0 = mul(add(mul(add(mul(corner[2], i8(L.dim[1])), corner[1]), i8(L.dim[0])), corner[0]), i8(RAY_CH_NB));
         const float* at[8];
-        pointers(L.voxel, and_(i0, valid), at);
+        pointers(L.voxel, and_(mul(voxel_index(L, corner), i8(RAY_CH_NB)), valid), at);
         F8 v[RAY_CH_NB];
         corner_channels(at, 0, v);
-        F8 wx = w[0][c & 1], wy = w[1][(c >> 1) & 1], wz = w[2][c >> 2];
-        for (int ch = C0; ch < C1; ch++) {
-            F8 p = mul(mul(mul(v[ch], wx), wy), wz);
-            F8 s = add(val[ch], p);
-            val[ch] = sel(and_(valid, mask(_mm256_cmp_ps(v[ch], v[ch], _CMP_ORD_Q))), s, val[ch]);
-        }
+        add_corner<C0, C1>(val, v, w[0][c & 1], w[1][(c >> 1) & 1], w[2][c >> 2], valid, true);
     }
 }
 
@@ -410,8 +418,7 @@ inline void prefetch_rows(const Ray_Render_Layout& L, const I8* v, I8 m)
     int lanes = any(m);
     if (!lanes) return;
     alignas(32) int first[8];
-    I8 f0 = mul(add(mul(add(mul(v[2], i8(L.dim[1])), v[1]), i8(L.dim[0])), v[0]), i8(RAY_CH_NB));
-    _mm256_store_si256(reinterpret_cast<I8*>(first), f0);
+    _mm256_store_si256(reinterpret_cast<I8*>(first), mul(voxel_index(L, v), i8(RAY_CH_NB)));
     const size_t row = static_cast<size_t>(L.dim[0]) * RAY_CH_NB, slice = row * static_cast<size_t>(L.dim[1]);
     for (int l = 0; l < 8; l++) {
         if (!((lanes >> l) & 1)) continue;
@@ -530,8 +537,7 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
                 /* The tag of the voxel entered and its base colour. */
                 I8 base = i8(0xFFFFFF);
                 if (ps.tag_colours) {
-                    I8 at = add(mul(add(mul(i8(L.dim[1]), r.vox[2]), r.vox[1]), i8(L.dim[0])), r.vox[0]);
-                    I8 mc = byte_gather(ps.map_col, byte_gather(ps.tag, at, smp), smp);
+                    I8 mc = byte_gather(ps.map_col, byte_gather(ps.tag, voxel_index(L, r.vox), smp), smp);
                     I8 coloured = andnot(_mm256_cmpeq_epi32(mc, i8(0)), smp);
                     base = sel(coloured, gather(reinterpret_cast<const int*>(ps.tag_col), mc, coloured), base);
                 }
