@@ -151,28 +151,24 @@ static void build_bounds(Ray_Render_Layout* L)
     }
     widen(L);
     size_t nb = static_cast<size_t>(bx) * by * bz;
-    for (size_t b = 0; b < nb; b++) {
-        const Ray_Block_Bound& o = L->block[b];
-        L->grey_own[b] = Ray_Grey16_Of(o.a_hi <= 0.0f ? -INFINITY : o.g_hi);
-        L->grey_near[b] = Ray_Grey16_Of(o.a_near <= 0.0f ? -INFINITY : o.g_near);
-        L->any_nan = L->any_nan || !(o.flags & RAY_BLOCK_NO_NAN);
-    }
-    L->grey_own[nb] = L->grey_near[nb] = 0;
-
-    /* Macro blocks: the largest near bound of their blocks. */
+    /* The folded bounds, and per macro block the largest near one of its blocks (rounding up keeps the order). */
     size_t nm = static_cast<size_t>(L->mdim[0]) * L->mdim[1] * L->mdim[2];
     std::vector<float> macro(nm, -INFINITY);
+    size_t b = 0;
     for (int z = 0; z < bz; z++)
         for (int y = 0; y < by; y++)
-            for (int x = 0; x < bx; x++) {
-                unsigned int u = static_cast<unsigned int>(L->grey_near[(static_cast<size_t>(z) * by + y) * bx + x]) << 16;
-                float g;
-                memcpy(&g, &u, sizeof g);
+            for (int x = 0; x < bx; x++, b++) {
+                const Ray_Block_Bound& o = L->block[b];
+                float near = o.a_near <= 0.0f ? -INFINITY : o.g_near;
+                L->grey_own[b] = Ray_Grey16_Of(o.a_hi <= 0.0f ? -INFINITY : o.g_hi);
+                L->grey_near[b] = Ray_Grey16_Of(near);
+                L->any_nan = L->any_nan || !(o.flags & RAY_BLOCK_NO_NAN);
                 float& m = macro[(static_cast<size_t>(z >> RAY_MACRO_SHIFT) * L->mdim[1] + (y >> RAY_MACRO_SHIFT)) *
                                      L->mdim[0] +
                                  (x >> RAY_MACRO_SHIFT)];
-                m = g > m ? g : m;
+                m = near > m ? near : m;
             }
+    L->grey_own[nb] = L->grey_near[nb] = 0;
     for (size_t k = 0; k < nm; k++) L->grey_macro[k] = Ray_Grey16_Of(macro[k]);
     L->grey_macro[nm] = 0;
 }
