@@ -280,6 +280,15 @@ inline F8 block_field(const Ray_Render_Layout& L, I8 b, int word, I8 m)
 }
 
 /*
+ * The folded own and near bounds of blocks b, lanes m, as one 32-bit word
+ * each: own_of and near_of take them apart.
+ */
+static_assert(sizeof(Ray_Grey_Pair) == 4, "a block's bounds are one word, own in the low half on x86");
+inline I8 grey_pair(const Ray_Grey_Pair* t, I8 b, I8 m) { return gather(reinterpret_cast<const int*>(t), b, m); }
+inline F8 own_of(I8 pair) { return _mm256_castsi256_ps(_mm256_slli_epi32(pair, 16)); }
+inline F8 near_of(I8 pair) { return _mm256_castsi256_ps(and_(pair, i8(static_cast<int>(0xFFFF0000u)))); }
+
+/*
  * The folded grey bounds of blocks b in table t, lanes m (each entry read
  * as the low half of a 32-bit word: the table has one more).
  */
@@ -489,10 +498,13 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
      * a sample lies in (the voxel its step leaves) is asked for two steps
      * before it is read.
      */
-    F8 near = grey_bound(L.grey_near, block_of(L, r.vox), r.active);
+    I8 near_b = block_of(L, r.vox);
+    I8 pair = grey_pair(L.grey, near_b, r.active);
+    F8 near = near_of(pair), near_own = own_of(pair);
     bool grey_first = false;
     I8 t = dda_step(r, dim);
-    F8 next = grey_bound(L.grey_near, block_of(L, r.vox), r.active);
+    I8 next_b = block_of(L, r.vox);
+    I8 next = grey_pair(L.grey, next_b, r.active);
     while (any(r.active)) {
         /* A stop request ends every ray. */
         if (run_flag(ps.run) == 0) break;
@@ -527,7 +539,8 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
                 I8 flags = _mm256_castps_si256(block_field(L, bs, 4, bounded));
                 no_nan = and_(bounded, gt(and_(flags, i8(RAY_BLOCK_NO_NAN)), i8(0)));
             }
-            F8 own = grey_bound(L.grey_own, bs, bounded);
+            /* The own bound of the block the point lies in, where that is the voxel's block; else the near bound. */
+            F8 own = sel(_mm256_cmpeq_epi32(bs, near_b), near_own, near);
             smp = andnot(zero_any_tag(own, cut, bounded), smp);
             /* Lanes whose magnitudes are all finite: a grey level at or below the cut makes their opacity 0. */
             I8 finite = and_(bounded, f_lt(own, f8(INFINITY)));
@@ -578,17 +591,22 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
             }
         }
         r.t_prev = sel(r.active, t, r.t_prev);
-        near = next;
+        near = near_of(next), near_own = own_of(next), near_b = next_b;
         /* Lanes in a macro block where every step is leaped cross it at once (their near bound stays below the cut). */
         I8 empty = zero_any_tag(near, cut, r.active);
         if (any(empty)) {
             F8 macro = grey_bound(L.grey_macro, macro_of(L, r.vox), empty);
             I8 across = zero_any_tag(macro, cut, empty);
-            if (any(across)) near = sel(jump(r, dim, across), macro, near);
+            if (any(across)) {
+                I8 moved = jump(r, dim, across);
+                near = sel(moved, macro, near);
+                near_b = sel(moved, i8(-1), near_b);
+            }
         }
         prefetch_rows(L, r.vox, andnot(zero_any_tag(near, cut, r.active), r.active));
         t = dda_step(r, dim);
-        next = grey_bound(L.grey_near, block_of(L, r.vox), r.active);
+        next_b = block_of(L, r.vox);
+        next = grey_pair(L.grey, next_b, r.active);
     }
 
     /* The pixel words. */

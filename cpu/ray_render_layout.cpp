@@ -150,7 +150,6 @@ static void build_bounds(Ray_Render_Layout* L)
         }
     }
     widen(L);
-    size_t nb = static_cast<size_t>(bx) * by * bz;
     /* The folded bounds, and per macro block the largest near one of its blocks (rounding up keeps the order). */
     size_t nm = static_cast<size_t>(L->mdim[0]) * L->mdim[1] * L->mdim[2];
     std::vector<float> macro(nm, -INFINITY);
@@ -160,15 +159,14 @@ static void build_bounds(Ray_Render_Layout* L)
             for (int x = 0; x < bx; x++, b++) {
                 const Ray_Block_Bound& o = L->block[b];
                 float near = o.a_near <= 0.0f ? -INFINITY : o.g_near;
-                L->grey_own[b] = Ray_Grey16_Of(o.a_hi <= 0.0f ? -INFINITY : o.g_hi);
-                L->grey_near[b] = Ray_Grey16_Of(near);
+                L->grey[b].own = Ray_Grey16_Of(o.a_hi <= 0.0f ? -INFINITY : o.g_hi);
+                L->grey[b].near = Ray_Grey16_Of(near);
                 L->any_nan = L->any_nan || !(o.flags & RAY_BLOCK_NO_NAN);
                 float& m = macro[(static_cast<size_t>(z >> RAY_MACRO_SHIFT) * L->mdim[1] + (y >> RAY_MACRO_SHIFT)) *
                                      L->mdim[0] +
                                  (x >> RAY_MACRO_SHIFT)];
                 m = near > m ? near : m;
             }
-    L->grey_own[nb] = L->grey_near[nb] = 0;
     for (size_t k = 0; k < nm; k++) L->grey_macro[k] = Ray_Grey16_Of(macro[k]);
     L->grey_macro[nm] = 0;
 }
@@ -203,12 +201,9 @@ Ray_Render_Layout* Ray_Render_Layout_Build(int dx, int dy, int dz, const float* 
         L->block = static_cast<Ray_Block_Bound*>(Ray_Malloc(nb * sizeof(Ray_Block_Bound), __LINE__, RAY_SRC,
                                                             "Ray_Render_Layout.block", static_cast<int>(nb), 20));
     if (L->block)
-        L->grey_own = static_cast<Ray_Grey16*>(Ray_Malloc((nb + 1) * sizeof(Ray_Grey16), __LINE__, RAY_SRC,
-                                                           "Ray_Render_Layout.grey_own", static_cast<int>(nb + 1), 2));
-    if (L->grey_own)
-        L->grey_near = static_cast<Ray_Grey16*>(Ray_Malloc((nb + 1) * sizeof(Ray_Grey16), __LINE__, RAY_SRC,
-                                                            "Ray_Render_Layout.grey_near", static_cast<int>(nb + 1), 2));
-    if (L->grey_near)
+        L->grey = static_cast<Ray_Grey_Pair*>(Ray_Malloc(nb * sizeof(Ray_Grey_Pair), __LINE__, RAY_SRC,
+                                                         "Ray_Render_Layout.grey", static_cast<int>(nb), 4));
+    if (L->grey)
         L->grey_macro = static_cast<Ray_Grey16*>(Ray_Malloc((nm + 1) * sizeof(Ray_Grey16), __LINE__, RAY_SRC,
                                                              "Ray_Render_Layout.grey_macro", static_cast<int>(nm + 1), 2));
     if (!L->grey_macro) {
@@ -233,8 +228,7 @@ void Ray_Render_Layout_Release(Ray_Render_Layout* L)
     if (!L) return;
     free(L->voxel);
     free(L->block);
-    free(L->grey_own);
-    free(L->grey_near);
+    free(L->grey);
     free(L->grey_macro);
     free(L);
 }
@@ -246,5 +240,5 @@ size_t Ray_Render_Layout_Bytes(const Ray_Render_Layout* L)
     size_t nb = static_cast<size_t>(L->bdim[0]) * L->bdim[1] * L->bdim[2];
     size_t nm = static_cast<size_t>(L->mdim[0]) * L->mdim[1] * L->mdim[2];
     return sizeof *L + (n * RAY_CH_NB + RAY_LAYOUT_PAD) * sizeof(float) + nb * sizeof(Ray_Block_Bound) +
-           (2 * (nb + 1) + nm + 1) * sizeof(Ray_Grey16);
+           nb * sizeof(Ray_Grey_Pair) + (nm + 1) * sizeof(Ray_Grey16);
 }

@@ -49,11 +49,16 @@ struct Ray_Block_Bound {
  * grey level at or below the cut: a grey bound at or below which every
  * sample of the block is transparent, -inf where the magnitude bound is 0
  * (any finite cut then passes).  Kept as the top 16 bits of the float,
- * rounded toward +inf (so still a bound), in two small tables that the
- * packets read with one gather per question.
+ * rounded toward +inf (so still a bound), per block side by side (the
+ * packets read both with one gather) and per macro block.
  */
 typedef unsigned short Ray_Grey16;
 Ray_Grey16 Ray_Grey16_Of(float bound);
+/* A block's two, read as one 32-bit word: own in the low half, near in the high. */
+struct Ray_Grey_Pair {
+    Ray_Grey16 own;
+    Ray_Grey16 near;
+};
 /*
  * log2 of a macro block's side in blocks: per macro block the largest near
  * bound of its blocks, so that a packet lane in a macro block where every
@@ -65,10 +70,9 @@ struct Ray_Render_Layout {
     int bdim[3];               /* blocks per axis */
     float* voxel;              /* RAY_CH_NB floats per voxel, then RAY_LAYOUT_PAD */
     Ray_Block_Bound* block;    /* bdim[0] * bdim[1] * bdim[2], x fastest */
-    Ray_Grey16* grey_own;      /* per block: a_hi <= 0 ? -inf : g_hi, then one unused entry */
-    Ray_Grey16* grey_near;     /* per block: a_near <= 0 ? -inf : g_near, then one unused entry */
+    Ray_Grey_Pair* grey;       /* per block: own a_hi <= 0 ? -inf : g_hi, near a_near <= 0 ? -inf : g_near */
     int mdim[3];               /* macro blocks per axis */
-    Ray_Grey16* grey_macro;    /* per macro block: the largest grey_near of its blocks, then one unused entry */
+    Ray_Grey16* grey_macro;    /* per macro block: the largest near bound of its blocks, then one unused entry */
     bool any_nan;              /* some block's stencils hold a NaN */
 };
 

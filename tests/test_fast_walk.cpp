@@ -264,7 +264,7 @@ TEST(FastWalk, GreyBoundsCoverTheSamplesTheyAnswerFor)
                                                 st.wy[(c >> 1) & 1], st.wz[c >> 2]);
                 if (g == 0.0f) continue;
                 seen++;
-                ASSERT_TRUE(above0(L->grey_near[block(vox)])) << "hot " << hot << " voxel " << v << " point " << k;
+                ASSERT_TRUE(above0(L->grey[block(vox)].near)) << "hot " << hot << " voxel " << v << " point " << k;
                 int cell[3];
                 bool inside = true;
                 for (int ax = 0; ax < 3; ax++) {
@@ -272,7 +272,7 @@ TEST(FastWalk, GreyBoundsCoverTheSamplesTheyAnswerFor)
                     inside = inside && pos[ax] >= 0.0f && cell[ax] < dim[ax];
                 }
                 if (inside) {
-                    ASSERT_TRUE(above0(L->grey_own[block(cell)])) << "hot " << hot << " point " << k;
+                    ASSERT_TRUE(above0(L->grey[block(cell)].own)) << "hot " << hot << " point " << k;
                 }
             }
         }
