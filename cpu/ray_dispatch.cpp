@@ -454,17 +454,6 @@ leave:
 
 /* ------------------------------------------------------------- ray worker */
 
-/* Pixels x to x_end - 1 of a row whose stamps lv are at or above level: colour and level (without branches, so in vectors). */
-static void stamp_fill(unsigned int* __restrict row, unsigned char* __restrict lv, int x, int x_end, unsigned int colour,
-                       unsigned char level)
-{
-    for (int c = x; c < x_end; c++) {
-        bool take = lv[c] >= level;
-        row[c] = take ? colour : row[c];
-        lv[c] = take ? level : lv[c];
-    }
-}
-
 /*
  * Writes colour into the w x h block at (x, y) of slot s's image, clipped
  * to the box the slot is bound to now: a request with a new box size may
@@ -492,7 +481,12 @@ static void block_fill(int s, int x, int y, int w, int h, unsigned int colour, i
             for (int c = x; c < x_end; c++) row[c] = colour;
             continue;
         }
-        stamp_fill(row, stamp + at, x, x_end, colour, static_cast<unsigned char>(level));
+        unsigned char* lv = stamp + at;
+        for (int c = x; c < x_end; c++)
+            if (lv[c] >= level) {
+                row[c] = colour;
+                lv[c] = static_cast<unsigned char>(level);
+            }
     }
 }
 

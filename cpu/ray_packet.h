@@ -52,6 +52,20 @@ void Ray_Packet_Walk_Avx2(const Ray_Packet_Scene& ps, const Rays* rays, int n, u
 void Ray_Packet_Walk_Avx512(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsigned int* out);
 
 /*
+ * Sets up the rays of pixels (i[l], j[l]), l < n <= RAY_PACKET_LANES, with
+ * the draws r1[l], r2[l], of a W x H box seen through the 16 floats m, in
+ * the volume box 0 - dim, as Ray_Pixel_Ray, the direction's scaling and
+ * Ray_Setup do one at a time: bit l of the result is set when ray l enters
+ * the volume, and rays[l] is then its set-up.
+ */
+typedef int (*Ray_Packet_Setup_Fn)(const float* m, int W, int H, const int* dim, int n, const int* i, const int* j,
+                                   const float* r1, const float* r2, Rays* rays);
+int Ray_Packet_Setup_Avx2(const float* m, int W, int H, const int* dim, int n, const int* i, const int* j,
+                          const float* r1, const float* r2, Rays* rays);
+int Ray_Packet_Setup_Avx512(const float* m, int W, int H, const int* dim, int n, const int* i, const int* j,
+                            const float* r1, const float* r2, Rays* rays);
+
+/*
  * The widest build the renderer may use (RAY_PACKET_AVX512 unless lowered,
  * as tests do to run each build).
  */
@@ -59,6 +73,8 @@ extern std::atomic<int> Ray_Packet_Widest;
 
 /* The walk of the widest build this processor runs, up to kind; nullptr for none. */
 Ray_Packet_Walk_Fn Ray_Packet_Walk_For(int kind);
+/* The set-up of the same build. */
+Ray_Packet_Setup_Fn Ray_Packet_Setup_For(int kind);
 
 /* Whether this processor runs a packet walk at all. */
 inline bool Ray_Packet_Available() { return Ray_Packet_Walk_For(RAY_PACKET_AVX512) != nullptr; }

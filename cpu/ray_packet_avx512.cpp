@@ -4,4 +4,5 @@
  * state stays in registers, and mask registers for the lane tests.
  */
 #define RAY_PACKET_WALK Ray_Packet_Walk_Avx512
+#define RAY_PACKET_SETUP Ray_Packet_Setup_Avx512
 #include "cpu/ray_packet_lanes.h"

@@ -10,8 +10,8 @@
  * its one-ray counterpart named.  Everything but RAY_PACKET_WALK has
  * internal linkage.
  */
-#ifndef RAY_PACKET_WALK
-#error "define RAY_PACKET_WALK, the name of the walk this file defines"
+#if !defined(RAY_PACKET_WALK) || !defined(RAY_PACKET_SETUP)
+#error "define RAY_PACKET_WALK and RAY_PACKET_SETUP, the names of the functions this file defines"
 #endif
 
 #include "cpu/ray_packet.h"
@@ -479,10 +479,124 @@ void shade(const Ray_Packet_Scene& ps, I8 c, const F8* n, const F8* dir, I8 m, I
         out[k] = sel(back, _mm256_srli_epi32(ck[k], 2), _mm256_min_epu32(s[k], i8(255)));
 }
 
+/* A view-space point (x, y, z) per lane through the 16 floats m (Ray_Map_Point). */
+inline void map_point(const float* m, F8 x, F8 y, F8 z, F8* out)
+{
+    F8 o[4];
+    for (int k = 0; k < 4; k++)
+        o[k] = add(add(add(mul(f8(m[k]), x), mul(f8(m[4 + k]), y)), mul(f8(m[8 + k]), z)), f8(m[12 + k]));
+    I8 one = mask(_mm256_cmp_ps(o[3], f8(1.0f), _CMP_EQ_OQ));
+    F8 r = _mm256_div_ps(f8(1.0f), o[3]);
+    for (int k = 0; k < 3; k++) out[k] = sel(one, o[k], mul(o[k], r));
+}
+
+/* Double lanes of float lanes, and float lanes of double lanes (rounded). */
+inline D8 to_d(F8 v)
+{
+    return {_mm256_cvtps_pd(_mm256_castps256_ps128(v)), _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1))};
+}
+inline F8 to_f(D8 d) { return _mm256_set_m128(_mm256_cvtpd_ps(d.hi), _mm256_cvtpd_ps(d.lo)); }
+
 /* Pack_Byte of each lane: 255 at or above, else the low byte. */
 inline unsigned int pack_byte(int v) { return v >= 255 ? 255u : static_cast<unsigned int>(v) & 0xFFu; }
 
 }  // namespace
+
+int RAY_PACKET_SETUP(const float* m, int W, int H, const int* dim, int n, const int* i, const int* j, const float* r1,
+                     const float* r2, Rays* rays)
+{
+    alignas(32) int pi[8] = {}, pj[8] = {};
+    alignas(32) float d1[8] = {}, d2[8] = {};
+    for (int l = 0; l < n; l++) pi[l] = i[l], pj[l] = j[l], d1[l] = r1[l], d2[l] = r2[l];
+    /* Ray_Pixel_Ray, then the direction scaled as Vector_4 does. */
+    F8 sc = f8(2.0f / static_cast<float>(W > H ? W : H));
+    F8 u = mul(add(mul(_mm256_load_ps(d1), f8(0.5f)), to_f(sub(_mm256_load_si256(reinterpret_cast<const I8*>(pi)), i8(W >> 1)))), sc);
+    F8 v = mul(add(mul(_mm256_load_ps(d2), f8(0.5f)), to_f(sub(_mm256_load_si256(reinterpret_cast<const I8*>(pj)), i8(H >> 1)))), sc);
+    F8 eye[3], p[3], dir[3];
+    map_point(m, f8(0.0f), f8(0.0f), f8(-2.0f), eye);
+    map_point(m, u, v, f8(0.0f), p);
+    F8 d[3];
+    for (int a = 0; a < 3; a++) d[a] = sub(p[a], eye[a]);
+    F8 inv_len = _mm256_div_ps(f8(1.0f), _mm256_sqrt_ps(add(add(mul(d[0], d[0]), mul(d[1], d[1])), mul(d[2], d[2]))));
+    for (int a = 0; a < 3; a++) dir[a] = mul(d[a], inv_len);
+
+    /* Ray_DDDA_Origin in the box 0 - dim. */
+    F8 high[3];
+    for (int a = 0; a < 3; a++) high[a] = f8(static_cast<float>(dim[a]));
+    const F8 zero = _mm256_setzero_ps(), eps = f8(RAY_PARALLEL_EPS);
+    I8 inside = ones();
+    for (int a = 0; a < 3; a++) inside = and_(inside, and_(f_le(zero, eye[a]), f_lt(eye[a], high[a])));
+    I8 miss = _mm256_setzero_si256();
+    F8 t[3];
+    I8 up[3], down[3];
+    const D8 inset = {_mm256_set1_pd(RAY_ENTRY_INSET), _mm256_set1_pd(RAY_ENTRY_INSET)};
+    for (int a = 0; a < 3; a++) {
+        up[a] = f_gt(dir[a], eps);
+        down[a] = f_lt(dir[a], neg(eps));
+        D8 pd = to_d(eye[a]), dd = to_d(dir[a]);
+        D8 q_up = {_mm256_div_pd(add(sub(to_d(zero), pd), inset).lo, dd.lo), _mm256_div_pd(add(sub(to_d(zero), pd), inset).hi, dd.hi)};
+        D8 gap = sub(to_d(high[a]), pd);
+        D8 q_down = {_mm256_div_pd(sub(gap, inset).lo, dd.lo), _mm256_div_pd(sub(gap, inset).hi, dd.hi)};
+        I8 outside = or_(f_lt(eye[a], zero), f_gt(eye[a], high[a]));
+        miss = or_(miss, andnot(or_(up[a], down[a]), outside));
+        t[a] = sel(up[a], to_f(q_up), sel(down[a], to_f(q_down), f8(RAY_ENTRY_NONE)));
+    }
+    F8 tt = sel(f_gt(t[1], t[0]), t[1], t[0]);
+    tt = sel(f_gt(t[2], tt), t[2], tt);
+    miss = or_(miss, f_lt(tt, eps));
+    F8 start[3];
+    for (int a = 0; a < 3; a++) {
+        start[a] = add(eye[a], mul(tt, dir[a]));
+        miss = or_(miss, andnot(and_(f_le(zero, start[a]), f_lt(start[a], high[a])), ones()));
+    }
+    miss = andnot(inside, or_(miss, f_ge(tt, f8(RAY_MISS))));
+    F8 entry = sel(inside, zero, tt);
+    for (int a = 0; a < 3; a++) start[a] = sel(inside, eye[a], start[a]);
+
+    /* Ray_DDDA_Param at the entry point. */
+    alignas(32) int vi[5][3][8];
+    alignas(32) float vf[7][8];
+    for (int a = 0; a < 3; a++) {
+        F8 inv = _mm256_div_ps(f8(RAY_DDA_UNITS), dir[a]);
+        F8 rel = sub(start[a], zero);
+        F8 fl = _mm256_floor_ps(rel);
+        I8 delta_up = to_i(inv), delta_down = to_i(neg(inv));
+        D8 frac = sub(add(to_d(fl), D8{_mm256_set1_pd(1.0), _mm256_set1_pd(1.0)}), to_d(rel));
+        I8 max_up = to_i(mul(frac, to_d(delta_up)));   /* Ray_D2I<RAY_CPU> */
+        I8 max_down = to_i(mul(sub(rel, fl), to_f(delta_down)));
+        I8 e_up = to_i(mul(sub(high[a], start[a]), inv));
+        I8 e_down = to_i(mul(sub(zero, start[a]), inv));
+        const I8 far = i8(RAY_DDA_FAR);
+        I8 step = sel(up[a], i8(1), sel(down[a], i8(-1), _mm256_setzero_si256()));
+        I8 delta = sel(up[a], delta_up, sel(down[a], delta_down, _mm256_setzero_si256()));
+        I8 t_max = sel(up[a], max_up, sel(down[a], max_down, far));
+        I8 e = sel(up[a], e_up, sel(down[a], e_down, far));
+        _mm256_store_si256(reinterpret_cast<I8*>(vi[0][a]), to_i(rel));
+        _mm256_store_si256(reinterpret_cast<I8*>(vi[1][a]), step);
+        _mm256_store_si256(reinterpret_cast<I8*>(vi[2][a]), delta);
+        _mm256_store_si256(reinterpret_cast<I8*>(vi[3][a]), t_max);
+        _mm256_store_si256(reinterpret_cast<I8*>(vi[4][a]), sub(e, _mm256_srai_epi32(delta, 1)));
+        _mm256_store_ps(vf[a], eye[a]);
+        _mm256_store_ps(vf[3 + a], dir[a]);
+    }
+    _mm256_store_ps(vf[6], entry);
+    for (int l = 0; l < n; l++) {
+        Rays& y = rays[l];
+        y = Rays{};
+        for (int a = 0; a < 3; a++) {
+            y.vox[a] = vi[0][a][l];
+            y.step[a] = vi[1][a][l];
+            y.t_delta[a] = vi[2][a][l];
+            y.t_max[a] = vi[3][a][l];
+            y.t_end[a] = vi[4][a][l];
+            y.org[a] = vf[a][l];
+            y.dir[a] = vf[3 + a][l];
+        }
+        y.entry = vf[6][l];
+        y.trans = 1.0f;
+    }
+    return ~any(miss) & ((1 << n) - 1);
+}
 
 void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsigned int* out)
 {
@@ -621,5 +735,9 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
 
 /* Built without the instruction set: never asked for (Ray_Packet_Walk_For). */
 void RAY_PACKET_WALK(const Ray_Packet_Scene&, const Rays*, int, unsigned int* out) { (void)out; }
+int RAY_PACKET_SETUP(const float*, int, int, const int*, int, const int*, const int*, const float*, const float*, Rays*)
+{
+    return 0;
+}
 
 #endif

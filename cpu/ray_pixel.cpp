@@ -320,18 +320,37 @@ unsigned int Ray_Pixel(int slot, int i, int j, int W, int H)
 
 std::atomic<int> Ray_Packet_Widest{RAY_PACKET_AVX512};
 
-Ray_Packet_Walk_Fn Ray_Packet_Walk_For(int kind)
+/* The widest build this processor runs, up to kind. */
+static int packet_kind(int kind)
 {
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__CUDACC__)
     static const bool avx2 = __builtin_cpu_supports("avx2");
     static const bool avx512 = avx2 && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") &&
                                __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512dq");
-    if (kind >= RAY_PACKET_AVX512 && avx512) return &Ray_Packet_Walk_Avx512;
-    if (kind >= RAY_PACKET_AVX2 && avx2) return &Ray_Packet_Walk_Avx2;
+    if (kind >= RAY_PACKET_AVX512 && avx512) return RAY_PACKET_AVX512;
+    if (kind >= RAY_PACKET_AVX2 && avx2) return RAY_PACKET_AVX2;
 #else
     (void)kind;
 #endif
-    return nullptr;
+    return RAY_PACKET_NONE;
+}
+
+Ray_Packet_Walk_Fn Ray_Packet_Walk_For(int kind)
+{
+    switch (packet_kind(kind)) {
+    case RAY_PACKET_AVX512: return &Ray_Packet_Walk_Avx512;
+    case RAY_PACKET_AVX2: return &Ray_Packet_Walk_Avx2;
+    default: return nullptr;
+    }
+}
+
+Ray_Packet_Setup_Fn Ray_Packet_Setup_For(int kind)
+{
+    switch (packet_kind(kind)) {
+    case RAY_PACKET_AVX512: return &Ray_Packet_Setup_Avx512;
+    case RAY_PACKET_AVX2: return &Ray_Packet_Setup_Avx2;
+    default: return nullptr;
+    }
 }
 
 /*
@@ -389,43 +408,56 @@ void Ray_Pixels_View(int slot, const Ray_View& view, int n, const int* i, const 
     }
     Ray_Scene sc;
     Ray_Scene_Of(&sc, slot, view.clip_box, Ray_Params.threshold, Ray_Volume.clip[slot]);
-    Ray_Packet_Walk_Fn walk = Ray_Packet_Walk_For(Ray_Packet_Widest.load(std::memory_order_relaxed));
-    bool packets = walk && packet_fits(slot, sc, Corekit_Trace_Listening() != 0);
+    int kind = Ray_Packet_Widest.load(std::memory_order_relaxed);
+    Ray_Packet_Walk_Fn walk = Ray_Packet_Walk_For(kind);
+    Ray_Packet_Setup_Fn setup = Ray_Packet_Setup_For(kind);
+    if (!walk || !packet_fits(slot, sc, Corekit_Trace_Listening() != 0)) {
+        for (int k = 0; k < n; k++) {
+            float eye[3], unit[3];
+            pixel_ray(view, i[k], j[k], eye, unit);
+            out[k] = with_policies(slot, sc, [&](auto& run, auto& smp) { return Ray_Cast<RAY_CPU>(eye, unit, sc, run, smp); });
+        }
+        return;
+    }
     Ray_Packet_Scene ps;
-    if (packets) packet_scene(slot, sc, &ps);
+    packet_scene(slot, sc, &ps);
     const Ray_Render_Layout* L = Ray_Volume.render[slot];
 
     Rays lane[RAY_PACKET_LANES];
     int lane_pixel[RAY_PACKET_LANES];
     int lanes = 0;
     unsigned int words[RAY_PACKET_LANES];
-    for (int k = 0; k < n; k++) {
-        /* The draws are taken pixel by pixel, as one at a time. */
-        float eye[3], unit[3];
-        pixel_ray(view, i[k], j[k], eye, unit);
-        if (!packets) {
-            out[k] = with_policies(slot, sc, [&](auto& run, auto& smp) { return Ray_Cast<RAY_CPU>(eye, unit, sc, run, smp); });
-            continue;
+    for (int k0 = 0; k0 < n; k0 += RAY_PACKET_LANES) {
+        /* Set up eight at a time, as Ray_Cast does one; the draws taken pixel by pixel, as one at a time. */
+        int m = n - k0 < RAY_PACKET_LANES ? n - k0 : RAY_PACKET_LANES;
+        float r1[RAY_PACKET_LANES], r2[RAY_PACKET_LANES];
+        for (int l = 0; l < m; l++) {
+            r1[l] = Fct_Random_Float();
+            r2[l] = Fct_Random_Float();
         }
-        /* Set up as Ray_Cast does; walked in a packet where its sampler may leap. */
-        Rays ray;
-        if (!Ray_Setup<RAY_CPU>(eye, unit, sc, &ray)) {
-            out[k] = 0;
-            continue;
-        }
-        Ray_Layout_Sampler probe(sc, *L);
-        probe.begin(&ray);
-        if (!probe.leap_ok) {
-            Ray_Run_Atomic run;
-            out[k] = Ray_DDDA_Walk<RAY_CPU>(&ray, sc, run, probe);
-            continue;
-        }
-        lane[lanes] = ray;
-        lane_pixel[lanes++] = k;
-        if (lanes == RAY_PACKET_LANES) {
-            walk(ps, lane, lanes, words);
-            for (int l = 0; l < lanes; l++) out[lane_pixel[l]] = words[l];
-            lanes = 0;
+        Rays set[RAY_PACKET_LANES];
+        int hit = setup(view.m, view.w, view.h, sc.dim, m, i + k0, j + k0, r1, r2, set);
+        for (int l = 0; l < m; l++) {
+            int k = k0 + l;
+            if (!((hit >> l) & 1)) {
+                out[k] = 0;
+                continue;
+            }
+            /* Walked in a packet where its sampler may leap. */
+            Ray_Layout_Sampler probe(sc, *L);
+            probe.begin(&set[l]);
+            if (!probe.leap_ok) {
+                Ray_Run_Atomic run;
+                out[k] = Ray_DDDA_Walk<RAY_CPU>(&set[l], sc, run, probe);
+                continue;
+            }
+            lane[lanes] = set[l];
+            lane_pixel[lanes++] = k;
+            if (lanes == RAY_PACKET_LANES) {
+                walk(ps, lane, lanes, words);
+                for (int q = 0; q < lanes; q++) out[lane_pixel[q]] = words[q];
+                lanes = 0;
+            }
         }
     }
     if (lanes > 0) {

@@ -1,5 +1,5 @@
 # Each object built for a wider instruction set must define its packet walk
-# alone, and nothing weak: an inline function compiled there could become
+# and set-up alone, and nothing weak: an inline function compiled there could become
 # the copy the linker keeps for the whole library, and run AVX2 or AVX-512
 # code on processors without it.
 set(checked 0)
@@ -12,8 +12,8 @@ foreach(o ${OBJECTS})
     string(STRIP "${out}" out)
     string(REPLACE "\n" ";" lines "${out}")
     list(LENGTH lines n)
-    if(NOT n EQUAL 1 OR NOT out MATCHES " T .*Ray_Packet_Walk")
-      message(FATAL_ERROR "${o} defines more than the packet walk:\n${out}")
+    if(NOT n EQUAL 2 OR NOT out MATCHES " T [^\n]*Ray_Packet_Setup" OR NOT out MATCHES " T [^\n]*Ray_Packet_Walk")
+      message(FATAL_ERROR "${o} defines more than the packet walk and set-up:\n${out}")
     endif()
     math(EXPR checked "${checked} + 1")
   endif()

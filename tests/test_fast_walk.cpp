@@ -280,3 +280,85 @@ TEST(FastWalk, GreyBoundsCoverTheSamplesTheyAnswerFor)
         Ray_Render_Layout_Release(L);
     }
 }
+
+/*
+ * The packets' set-up of eight pixels, in each build, field for field as one
+ * pixel's (Ray_Pixel_Ray, the Vector_4 scaling, Ray_Setup), with the same
+ * rays entering: affine and projective views from outside and inside the
+ * box, the eye on its faces, rays along its faces (a centre pixel of an axis
+ * view, no draw), views whose w' is 0, eyes beyond the miss codes; and two
+ * rays parallel to a face: just outside its slab (a miss, though the moved
+ * point would lie inside), and on its high face (a miss there).
+ */
+TEST(FastWalk, PacketSetUpAsOneRay)
+{
+    if (!Ray_Packet_Available()) GTEST_SKIP() << "no packet build on this processor";
+    int hits = 0, misses = 0, parallel = 0;
+    auto check = [&](const float* m, int W, int H, const int* dim, int n, const int* is, const int* js, const float* r1,
+                     const float* r2, const std::string& what) {
+        Ray_Scene sc{};
+        for (int a = 0; a < 3; a++) sc.dim[a] = dim[a];
+        for (int build = RAY_PACKET_AVX2; build <= RAY_PACKET_AVX512; build++) {
+            Rays got[RAY_PACKET_LANES];
+            int entered = Ray_Packet_Setup_For(build)(m, W, H, dim, n, is, js, r1, r2, got);
+            for (int l = 0; l < n; l++) {
+                float eye[3], d[3], inv;
+                Ray_Pixel_Ray(m, is[l], js[l], W, H, r1[l], r2[l], eye, d, &inv);
+                Vector_4 unit(d[0], d[1], d[2], 0.0f);
+                unit *= inv;
+                const float dir[3] = {unit.x, unit.y, unit.z};
+                Rays want;
+                bool hit = Ray_Setup<RAY_CPU>(eye, dir, sc, &want);
+                ASSERT_EQ(((entered >> l) & 1) != 0, hit) << what << " lane " << l << " build " << build;
+                hits += hit, misses += !hit;
+                parallel += hit && (want.t_delta[0] == 0 || want.t_delta[1] == 0 || want.t_delta[2] == 0);
+                if (hit) {
+                    ASSERT_EQ(memcmp(&got[l], &want, sizeof want), 0) << what << " lane " << l << " build " << build;
+                }
+            }
+        }
+    };
+    Rng rng{11};
+    for (int trial = 0; trial < 3000; trial++) {
+        float m[16] = {};
+        int kind = trial % 4;
+        for (int k = 0; k < 12; k++) m[k] = kind == 0 ? 0.0f : rng.unit() * 4.0f - 2.0f;
+        if (kind == 0)   /* an axis view: x, y, z taken to a permutation of the axes, with any signs */
+            for (int r = 0, perm = rng.range(0, 5); r < 3; r++)
+                m[4 * r + (r + perm % 3 + (perm > 2 && r ? 1 : 0)) % 3] = (rng.next() & 1 ? 1.0f : -1.0f) * (0.1f + rng.unit());
+        for (int k = 12; k < 15; k++) m[k] = rng.unit() * 400.0f - 50.0f;
+        m[15] = 1.0f;
+        if (kind == 2) m[3] = rng.unit() * 0.02f - 0.01f, m[7] = rng.unit() * 0.02f - 0.01f, m[11] = rng.unit() * 0.2f;
+        if (kind == 3 && trial % 16 == 3) m[15] = 0.0f;
+        const int dim[3] = {rng.range(1, 300), rng.range(1, 300), rng.range(1, 300)};
+        if (kind == 1 && trial % 8 == 1)   /* the eye exactly on a face of the box (its w' 1) */
+            for (int a = 0, face = rng.range(0, 5); a < 3; a++) {
+                m[11] = 0.0f;
+                m[8 + a] = static_cast<float>(rng.range(-2048, 2048)) / 1024.0f;
+                if (a == face / 2) m[12 + a] = 2.0f * m[8 + a] + static_cast<float>(face & 1 ? dim[a] : 0);
+            }
+        if (kind == 3 && trial % 16 == 7)   /* an eye so far off that its entry lies beyond the miss codes */
+            for (int k = 12; k < 15; k++) m[k] *= 1.0e10f;
+        int W = rng.range(1, 600), H = rng.range(1, 600), n = rng.range(1, RAY_PACKET_LANES);
+        int is[RAY_PACKET_LANES], js[RAY_PACKET_LANES];
+        float r1[RAY_PACKET_LANES], r2[RAY_PACKET_LANES];
+        for (int l = 0; l < n; l++) {
+            bool centre = rng.next() % 3 == 0;
+            is[l] = centre ? W >> 1 : rng.range(-2, W + 1), js[l] = centre ? H >> 1 : rng.range(-2, H + 1);
+            r1[l] = centre ? 0.0f : rng.unit() * 2.0f - 1.0f, r2[l] = centre ? 0.0f : rng.unit() * 2.0f - 1.0f;
+        }
+        ASSERT_NO_FATAL_FAILURE(check(m, W, H, dim, n, is, js, r1, r2, "trial " + std::to_string(trial)));
+    }
+    EXPECT_GT(hits, 1000);
+    EXPECT_GT(misses, 1000);
+    EXPECT_GT(parallel, 100);
+    /* Looking along z from z = -1002 in a 2 x 2 box: direction (0.0001, 0, 2) before scaling. */
+    const int dim[3] = {20, 20, 20}, is[2] = {1, 1}, js[2] = {1, 1};
+    const float r1[2] = {0.0002f, 0.0002f}, r2[2] = {0.0f, 0.0f};
+    const float off_slab[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, -0.001f, 5, -1000, 1};
+    const float on_face[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 5, 20, -1000, 1};
+    misses = 0;
+    check(off_slab, 2, 2, dim, 2, is, js, r1, r2, "just outside the x slab");
+    check(on_face, 2, 2, dim, 2, is, js, r1, r2, "on the high y face");
+    EXPECT_EQ(misses, 8);
+}
