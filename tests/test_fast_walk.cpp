@@ -53,11 +53,20 @@ void random_volume(Scene_Phantom& p, Rng& rng, float thr)
     if (rng.next() % 8 == 0) p.g[1][rng.next() % n] = std::numeric_limits<float>::quiet_NaN();
 }
 
-/* Any colour mode, maps, tag colours and lights (some off); a view from any side, sometimes from inside the volume, one
- * in four along axes and diagonals (where crossings tie); a clip box on some planes, and a depth clip. */
+unsigned int g_phong[RAY_PHONG_SIZE];
+
+/* Any colour mode, maps, tag colours and lights (some off), one in four with a Phong table that is 0 up to any entry; a
+ * view from any side, sometimes from inside the volume, one in four along axes and diagonals (where crossings tie); a
+ * clip box on some planes, and a depth clip. */
 void random_scene(int slot, Rng& rng, float thr)
 {
     Scene_Params();
+    Phong_table = nullptr;
+    if (rng.next() % 4 == 0) {
+        int from = rng.range(0, RAY_PHONG_SIZE);
+        for (int i = 0; i < RAY_PHONG_SIZE; i++) g_phong[i] = i < from ? 0u : rng.next() % 256u;
+        Phong_table = g_phong;
+    }
     Ray_Params.threshold = thr;
     Ray_Params.col_mode = static_cast<unsigned char>(rng.range(0, 6));
     Ray_Params.map_nb = static_cast<unsigned char>(rng.range(0, 4));
@@ -170,6 +179,7 @@ TEST(FastWalk, SameWordAsThePlainWalk)
         }
         Scene_Uninstall(slot);
     }
+    Phong_table = nullptr;
     Corekit_Set_Random(nullptr);
 }
 
@@ -207,6 +217,7 @@ TEST(FastWalk, LongEmptyStretchesAsThePlainWalk)
         ASSERT_NO_FATAL_FAILURE(expect_frame(slot, W, H, false, "scene " + std::to_string(scene)));
         Scene_Uninstall(slot);
     }
+    Phong_table = nullptr;
     Corekit_Set_Random(nullptr);
 }
 
