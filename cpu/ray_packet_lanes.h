@@ -1,14 +1,15 @@
 /*
  * ray_packet_lanes.h - the packet walk's body (see ray_packet.h), included
  * by one source file per instruction set, each built with its own flags
- * and naming the function it defines in RAY_PACKET_WALK.
+ * and naming the functions it defines in RAY_PACKET_WALK and
+ * RAY_PACKET_SETUP.
  *
  * Nothing here calls an inline function of a shared header: such a
  * function would be compiled for the wider instruction set in that file
  * and could be the copy that the linker keeps for the whole library.  The
  * header's constants are used; every operation is written out below with
- * its one-ray counterpart named.  Everything but RAY_PACKET_WALK has
- * internal linkage.
+ * its one-ray counterpart named.  Everything but those two has internal
+ * linkage.
  */
 #if !defined(RAY_PACKET_WALK) || !defined(RAY_PACKET_SETUP)
 #error "define RAY_PACKET_WALK and RAY_PACKET_SETUP, the names of the functions this file defines"
@@ -534,9 +535,9 @@ int RAY_PACKET_SETUP(const float* m, int W, int H, const int* dim, int n, const 
         up[a] = f_gt(dir[a], eps);
         down[a] = f_lt(dir[a], neg(eps));
         D8 pd = to_d(eye[a]), dd = to_d(dir[a]);
-        D8 q_up = {_mm256_div_pd(add(sub(to_d(zero), pd), inset).lo, dd.lo), _mm256_div_pd(add(sub(to_d(zero), pd), inset).hi, dd.hi)};
-        D8 gap = sub(to_d(high[a]), pd);
-        D8 q_down = {_mm256_div_pd(sub(gap, inset).lo, dd.lo), _mm256_div_pd(sub(gap, inset).hi, dd.hi)};
+        D8 to_low = add(sub(to_d(zero), pd), inset), to_high = sub(sub(to_d(high[a]), pd), inset);
+        D8 q_up = {_mm256_div_pd(to_low.lo, dd.lo), _mm256_div_pd(to_low.hi, dd.hi)};
+        D8 q_down = {_mm256_div_pd(to_high.lo, dd.lo), _mm256_div_pd(to_high.hi, dd.hi)};
         I8 outside = or_(f_lt(eye[a], zero), f_gt(eye[a], high[a]));
         miss = or_(miss, andnot(or_(up[a], down[a]), outside));
         t[a] = sel(up[a], to_f(q_up), sel(down[a], to_f(q_down), f8(RAY_ENTRY_NONE)));
