@@ -548,13 +548,16 @@ static Ray_Byte_Verdict worker_run(int i, const char* tag, unsigned char* buf)
         int nb = next + 1 < batch_max ? next + 1 : batch_max;
         int x[RAY_BATCH], y[RAY_BATCH], w[RAY_BATCH], h[RAY_BATCH];
         int level[RAY_BATCH];
+        int lv = task_level(s, next);
         for (int k = 0; k < nb; k++) {
             int t = next - k;
             x[k] = Ray_Thread_I[s][t];
             y[k] = Ray_Thread_J[s][t];
             w[k] = Ray_Thread_W[s][t];
             h[k] = Ray_Thread_H[s][t];
-            level[k] = task_level(s, t);
+            /* task_level(s, t), from the level of t + 1: the thresholds rise with the level */
+            while (lv > 0 && t < Ray_Thread_Seminal_Val[s][lv]) lv--;
+            level[k] = lv;
         }
         Ray_Thread_Next[s] = next - nb;
         /* the binding as one unit: Ray_Start rewrites it under this lock */
@@ -574,10 +577,17 @@ static Ray_Byte_Verdict worker_run(int i, const char* tag, unsigned char* buf)
         int levels[32];
         int nb_levels = 0;
         Critical_Ray_In(tag);
+        /* Whether some level is completed by one of the counts top, top - 1, ..., top - nb + 1. */
+        int top = Ray_Thread_Left[s];
+        bool completes = false;
+        for (int v = Ray_Thread_Level_Nb[s]; v >= 1; v--) {
+            int at = Ray_Thread_Seminal_Val[s][v - 1];
+            completes = completes || (at <= top && at > top - nb);
+        }
         for (int k = 0; k < nb; k++) {
             int old = Ray_Thread_Left[s]--;
             block_fill(s, x[k], y[k], w[k], h[k], colour[k], level[k]);
-            for (int v = Ray_Thread_Level_Nb[s]; v >= 1 && nb_levels < 32; v--)
+            for (int v = Ray_Thread_Level_Nb[s]; completes && v >= 1 && nb_levels < 32; v--)
                 if (old == Ray_Thread_Seminal_Val[s][v - 1]) levels[nb_levels++] = v;
         }
         draw_owed[s].fetch_add(nb_levels, std::memory_order_relaxed);

@@ -535,12 +535,13 @@ int RAY_PACKET_SETUP(const float* m, int W, int H, const int* dim, int n, const 
         up[a] = f_gt(dir[a], eps);
         down[a] = f_lt(dir[a], neg(eps));
         D8 pd = to_d(eye[a]), dd = to_d(dir[a]);
+        /* The distance to the low face going up, to the high face going down: one division for either. */
         D8 to_low = add(sub(to_d(zero), pd), inset), to_high = sub(sub(to_d(high[a]), pd), inset);
-        D8 q_up = {_mm256_div_pd(to_low.lo, dd.lo), _mm256_div_pd(to_low.hi, dd.hi)};
-        D8 q_down = {_mm256_div_pd(to_high.lo, dd.lo), _mm256_div_pd(to_high.hi, dd.hi)};
+        D8 gap = sel(up[a], to_low, to_high);
+        D8 q = {_mm256_div_pd(gap.lo, dd.lo), _mm256_div_pd(gap.hi, dd.hi)};
         I8 outside = or_(f_lt(eye[a], zero), f_gt(eye[a], high[a]));
         miss = or_(miss, andnot(or_(up[a], down[a]), outside));
-        t[a] = sel(up[a], to_f(q_up), sel(down[a], to_f(q_down), f8(RAY_ENTRY_NONE)));
+        t[a] = sel(or_(up[a], down[a]), to_f(q), f8(RAY_ENTRY_NONE));
     }
     F8 tt = sel(f_gt(t[1], t[0]), t[1], t[0]);
     tt = sel(f_gt(t[2], tt), t[2], tt);
