@@ -337,6 +337,32 @@ inline void corner_channels(const float* const* at, size_t off, F8* v)
     v[4] = _mm256_permute2f128_ps(u[0], u[4], 0x31);
 }
 
+/*
+ * Channels 0 to 4 of the voxels at at[l] + off and of the next ones along x,
+ * lane l from at[l]: the ten floats of each lane read as three groups of
+ * four (the layout's padding covers the last group's two past the voxel),
+ * lanes l and l + 4 in one register, each group turned into one register
+ * per float.
+ */
+inline void corner_pair(const float* const* at, size_t off, F8* v0, F8* v1)
+{
+    F8 e[12];
+    for (int k = 0; k < 3; k++) {
+        F8 g[4];
+        for (int q = 0; q < 4; q++)
+            g[q] = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(at[q] + off + 4 * k)),
+                                        _mm_loadu_ps(at[q + 4] + off + 4 * k), 1);
+        F8 lo01 = _mm256_unpacklo_ps(g[0], g[1]), lo23 = _mm256_unpacklo_ps(g[2], g[3]);
+        e[4 * k] = _mm256_shuffle_ps(lo01, lo23, 0x44);
+        e[4 * k + 1] = _mm256_shuffle_ps(lo01, lo23, 0xEE);
+        if (k == 2) break;
+        F8 hi01 = _mm256_unpackhi_ps(g[0], g[1]), hi23 = _mm256_unpackhi_ps(g[2], g[3]);
+        e[4 * k + 2] = _mm256_shuffle_ps(hi01, hi23, 0x44);
+        e[4 * k + 3] = _mm256_shuffle_ps(hi01, hi23, 0xEE);
+    }
+    for (int ch = 0; ch < RAY_CH_NB; ch++) v0[ch] = e[ch], v1[ch] = e[RAY_CH_NB + ch];
+}
+
 /* Index of voxel v per lane, x fastest (Ray_Voxel_Index). */
 inline I8 voxel_index(const Ray_Render_Layout& L, const I8* v)
 {
@@ -391,12 +417,13 @@ void interpolate(const Ray_Packet_Scene& ps, const F8* pos, const I8* cell, I8 m
         pointers(L.voxel, and_(mul(voxel_index(L, lo), i8(RAY_CH_NB)), full), at);
         const size_t row = static_cast<size_t>(L.dim[0]), slice = row * static_cast<size_t>(L.dim[1]);
         bool nans = (any(andnot(no_nan, full)) != 0);
-#pragma GCC unroll 8
-        for (int c = 0; c < 8; c++) {
-            const size_t off = ((c & 1) + ((c & 2) ? row : 0) + ((c & 4) ? slice : 0)) * RAY_CH_NB;
-            F8 v[RAY_CH_NB];
-            corner_channels(at, off, v);
-            add_corner<C0, C1>(val, v, w[0][c & 1], w[1][(c >> 1) & 1], w[2][c >> 2], ones(), nans);
+#pragma GCC unroll 4
+        for (int c = 0; c < 8; c += 2) {
+            const size_t off = (((c & 2) ? row : 0) + ((c & 4) ? slice : 0)) * RAY_CH_NB;
+            F8 v0[RAY_CH_NB], v1[RAY_CH_NB];
+            corner_pair(at, off, v0, v1);
+            add_corner<C0, C1>(val, v0, w[0][0], w[1][(c >> 1) & 1], w[2][c >> 2], ones(), nans);
+            add_corner<C0, C1>(val, v1, w[0][1], w[1][(c >> 1) & 1], w[2][c >> 2], ones(), nans);
         }
         return;
     }
