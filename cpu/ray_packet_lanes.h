@@ -447,24 +447,22 @@ void interpolate(const Ray_Packet_Scene& ps, const F8* pos, const I8* cell, I8 m
 
 /*
  * Asks the caches for the rows of the stencils of voxels v, lanes m, ahead
- * of their samples: four rows of two voxels, each of which may cross a
- * cache line.
+ * of their samples: four rows of two voxels, each by the cache line that
+ * holds its second voxel.  Every lane asks, the lanes not in m for voxel
+ * 0: a branch per lane or per row costs more in mispredictions than the
+ * prefetches it saves, and so does asking for both lines of each row.
  */
 inline void prefetch_rows(const Ray_Render_Layout& L, const I8* v, I8 m)
 {
-    int lanes = any(m);
-    if (!lanes) return;
+    if (!any(m)) return;
     alignas(32) int first[8];
-    _mm256_store_si256(reinterpret_cast<I8*>(first), mul(voxel_index(L, v), i8(RAY_CH_NB)));
+    _mm256_store_si256(reinterpret_cast<I8*>(first), and_(mul(voxel_index(L, v), i8(RAY_CH_NB)), m));
     const size_t row = static_cast<size_t>(L.dim[0]) * RAY_CH_NB, slice = row * static_cast<size_t>(L.dim[1]);
+    const size_t rows[4] = {0, row, slice, slice + row};
     for (int l = 0; l < 8; l++) {
-        if (!((lanes >> l) & 1)) continue;
-        const float* at = L.voxel + static_cast<unsigned int>(first[l]);
-        const size_t rows[4] = {0, row, slice, slice + row};
-        for (size_t o : rows) {
+        const float* at = L.voxel + static_cast<unsigned int>(first[l]) + RAY_CH_NB;
+        for (size_t o : rows)
             _mm_prefetch(reinterpret_cast<const char*>(at + o), _MM_HINT_T0);
-            _mm_prefetch(reinterpret_cast<const char*>(at + o + 2 * RAY_CH_NB - 1), _MM_HINT_T0);
-        }
     }
 }
 
