@@ -457,12 +457,14 @@ inline void prefetch_rows(const Ray_Render_Layout& L, const I8* v, I8 m)
     if (!any(m)) return;
     alignas(32) int first[8];
     _mm256_store_si256(reinterpret_cast<I8*>(first), and_(mul(voxel_index(L, v), i8(RAY_CH_NB)), m));
-    const size_t row = static_cast<size_t>(L.dim[0]) * RAY_CH_NB, slice = row * static_cast<size_t>(L.dim[1]);
-    const size_t rows[4] = {0, row, slice, slice + row};
+    /* Addresses as integers: a row past the volume's last one is asked for, never read. */
+    const uintptr_t row = static_cast<uintptr_t>(L.dim[0]) * RAY_CH_NB * sizeof(float);
+    const uintptr_t slice = row * static_cast<uintptr_t>(L.dim[1]);
+    const uintptr_t rows[4] = {0, row, slice, slice + row};
+    const uintptr_t second = reinterpret_cast<uintptr_t>(L.voxel) + RAY_CH_NB * sizeof(float);
     for (int l = 0; l < 8; l++) {
-        const float* at = L.voxel + static_cast<unsigned int>(first[l]) + RAY_CH_NB;
-        for (size_t o : rows)
-            _mm_prefetch(reinterpret_cast<const char*>(at + o), _MM_HINT_T0);
+        uintptr_t at = second + static_cast<uintptr_t>(static_cast<unsigned int>(first[l])) * sizeof(float);
+        for (uintptr_t o : rows) _mm_prefetch(reinterpret_cast<const char*>(at + o), _MM_HINT_T0);
     }
 }
 
