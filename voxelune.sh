@@ -137,6 +137,12 @@ cmd_windows() {
         wineboot -i </dev/null >build/wineboot.log 2>&1 || { cat build/wineboot.log; return 1; }
     fi
 
+    # One Wine server for every test: without it each test's Wine starts its
+    # own, and one that starts while the last is shutting down loses its
+    # connection.  It leaves 30 s after its last client, or at wineserver -k.
+    wineserver -k 2>/dev/null || true
+    wineserver -p30
+
     echo "== Windows build (MinGW-w64), tests under Wine"
     local linux_tool=""
     [ -x build/release/tools/voxelune-render ] && linux_tool="$root/build/release/tools/voxelune-render"
