@@ -415,11 +415,10 @@ void interpolate(const Ray_Packet_Scene& ps, const F8* pos, const I8* cell, I8 m
          */
         const float* at[8];
         pointers(L.voxel, and_(mul(voxel_index(L, lo), i8(RAY_CH_NB)), full), at);
-        const size_t row = static_cast<size_t>(L.dim[0]), slice = row * static_cast<size_t>(L.dim[1]);
         bool nans = (any(andnot(no_nan, full)) != 0);
 #pragma GCC unroll 4
         for (int c = 0; c < 8; c += 2) {
-            const size_t off = (((c & 2) ? row : 0) + ((c & 4) ? slice : 0)) * RAY_CH_NB;
+            const size_t off = ((c & 2) ? L.row : 0) + ((c & 4) ? L.slice : 0);
             F8 v0[RAY_CH_NB], v1[RAY_CH_NB];
             corner_pair(at, off, v0, v1);
             add_corner<C0, C1>(val, v0, w[0][0], w[1][(c >> 1) & 1], w[2][c >> 2], ones(), nans);
@@ -458,8 +457,7 @@ inline void prefetch_rows(const Ray_Render_Layout& L, const I8* v, I8 m)
     alignas(32) int first[8];
     _mm256_store_si256(reinterpret_cast<I8*>(first), and_(mul(voxel_index(L, v), i8(RAY_CH_NB)), m));
     /* Addresses as integers: a row past the volume's last one is asked for, never read. */
-    const uintptr_t row = static_cast<uintptr_t>(L.dim[0]) * RAY_CH_NB * sizeof(float);
-    const uintptr_t slice = row * static_cast<uintptr_t>(L.dim[1]);
+    const uintptr_t row = L.row * sizeof(float), slice = L.slice * sizeof(float);
     const uintptr_t rows[4] = {0, row, slice, slice + row};
     const uintptr_t second = reinterpret_cast<uintptr_t>(L.voxel) + RAY_CH_NB * sizeof(float);
     for (int l = 0; l < 8; l++) {

@@ -118,9 +118,13 @@ struct Ray_Layout_Sampler {
 
     Ray_Layout_Sampler(const Ray_Scene& scene, const Ray_Render_Layout& layout) : sc(scene), L(layout)
     {
-        size_t row = static_cast<size_t>(L.dim[0]), slice = row * static_cast<size_t>(L.dim[1]);
-        for (int c = 0; c < 8; c++)
-            corner[c] = ((c & 1) + ((c & 2) ? row : 0) + ((c & 4) ? slice : 0)) * RAY_CH_NB;
+        for (int c = 0; c < 8; c++) corner[c] = (c & 1) * RAY_CH_NB + ((c & 2) ? L.row : 0) + ((c & 4) ? L.slice : 0);
+    }
+
+    /* Offset in floats of voxel (x, y, z), all in [0, dim). */
+    size_t offset_of(int x, int y, int z) const
+    {
+        return static_cast<size_t>(z) * L.slice + static_cast<size_t>(y) * L.row + static_cast<size_t>(x) * RAY_CH_NB;
     }
 
     bool missing() const { return false; }
@@ -165,11 +169,7 @@ struct Ray_Layout_Sampler {
     /* Asks the caches for the rows of voxel v's stencils ahead of their sample. */
     void prefetch(const int* v) const
     {
-        const float* at = L.voxel + ((static_cast<size_t>(v[2]) * static_cast<size_t>(L.dim[1]) +
-                                      static_cast<size_t>(v[1])) *
-                                         static_cast<size_t>(L.dim[0]) +
-                                     static_cast<size_t>(v[0])) *
-                                        RAY_CH_NB;
+        const float* at = L.voxel + offset_of(v[0], v[1], v[2]);
         for (int c = 0; c < 8; c += 2) __builtin_prefetch(at + corner[c]);
     }
 
@@ -211,11 +211,7 @@ struct Ray_Layout_Sampler {
             inside &= static_cast<unsigned int>(lo[a][0]) < static_cast<unsigned int>(L.dim[a] - 1);
         }
         if (inside) {
-            size_t first = ((static_cast<size_t>(lo[2][0]) * static_cast<size_t>(L.dim[1]) +
-                             static_cast<size_t>(lo[1][0])) *
-                                static_cast<size_t>(L.dim[0]) +
-                            static_cast<size_t>(lo[0][0])) *
-                           RAY_CH_NB;
+            size_t first = offset_of(lo[0][0], lo[1][0], lo[2][0]);
             if (no_nan)
                 interp_full<false>(L.voxel + first, corner, w[0], w[1], w[2], val);
             else

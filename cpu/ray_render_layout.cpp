@@ -191,6 +191,8 @@ Ray_Render_Layout* Ray_Render_Layout_Build(int dx, int dy, int dz, const float* 
     L->dim[0] = dx;
     L->dim[1] = dy;
     L->dim[2] = dz;
+    L->row = static_cast<size_t>(dx) * RAY_CH_NB;
+    L->slice = L->row * static_cast<size_t>(dy);
     for (int a = 0; a < 3; a++) L->bdim[a] = ((L->dim[a] - 1) >> RAY_BLOCK_SHIFT) + 1;
     for (int a = 0; a < 3; a++) L->mdim[a] = ((L->bdim[a] - 1) >> RAY_MACRO_SHIFT) + 1;
     size_t nb = static_cast<size_t>(L->bdim[0]) * L->bdim[1] * L->bdim[2];

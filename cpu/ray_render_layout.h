@@ -69,6 +69,7 @@ struct Ray_Render_Layout {
     int dim[3];
     int bdim[3];               /* blocks per axis */
     float* voxel;              /* RAY_CH_NB floats per voxel, then RAY_LAYOUT_PAD */
+    size_t row, slice;         /* floats from a voxel to the next along y, along z */
     Ray_Block_Bound* block;    /* bdim[0] * bdim[1] * bdim[2], x fastest */
     Ray_Grey_Pair* grey;       /* per block: own a_hi <= 0 ? -inf : g_hi, near a_near <= 0 ? -inf : g_near */
     int mdim[3];               /* macro blocks per axis */
