@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <thread>
 
@@ -96,6 +97,27 @@ inline void* Plat_Alloc_Large(size_t bytes)
     return p;
 #else
     return std::calloc(bytes, 1);
+#endif
+}
+
+/*
+ * Asks the system to back the whole pages of [p, p + bytes) with memory
+ * now, in one call, rather than on first touch, page by page: a buffer
+ * about to be written all over (a table rebuilt for a new box size) is
+ * then ready in a fraction of the time the faults take, notably under
+ * virtualisation.  Contents are unchanged; a hint whose failure is
+ * harmless (older kernels do not know it); nothing on other systems.
+ */
+inline void Plat_Prefault(void* p, size_t bytes)
+{
+#if defined(__linux__) && defined(MADV_POPULATE_WRITE)
+    const uintptr_t page = 4096;
+    uintptr_t from = (reinterpret_cast<uintptr_t>(p) + page - 1) & ~(page - 1);
+    uintptr_t to = (reinterpret_cast<uintptr_t>(p) + bytes) & ~(page - 1);
+    if (p && to > from) (void)madvise(reinterpret_cast<void*>(from), to - from, MADV_POPULATE_WRITE);
+#else
+    (void)p;
+    (void)bytes;
 #endif
 }
 

@@ -189,7 +189,7 @@ void Ray_Layout_Fill(int w, int h, int levels, int* ti, int* tj, int* tw, int* t
         for (long long y = 0; y < h; y += s) {
             for (long long x = 0; x < w; x += s) {
                 /* the origin of a block of a coarser level was cast there */
-                if (k < levels - 1 && x % s2 == 0 && y % s2 == 0) continue;
+                if (k < levels - 1 && ((x | y) & (s2 - 1)) == 0) continue;
                 ti[t] = static_cast<int>(x);
                 tj[t] = static_cast<int>(y);
                 tw[t] = static_cast<int>(s < w - x ? s : w - x);
@@ -273,6 +273,7 @@ static bool table_resize(int** table, int n, const char* name, int line)
 {
     int* p = static_cast<int*>(Ray_Realloc(*table, static_cast<size_t>(n) * sizeof(int), line, SRC_NAME, name, n, 4));
     if (!p) return false;
+    Plat_Prefault(p, static_cast<size_t>(n) * sizeof(int));   /* filled right away, entry by entry */
     *table = p;
     return true;
 }
@@ -316,8 +317,10 @@ static bool layout_build(int s, int w, int h, int n)
         Ray_Layout_Fill(w, h, levels, Ray_Thread_I[s], Ray_Thread_J[s], Ray_Thread_W[s], Ray_Thread_H[s]);
         /* the level stamps are a refinement: without them blocks are filled whole */
         void* stamp = realloc(Ray_Thread_Stamp[s], static_cast<size_t>(n));
-        if (stamp) Ray_Thread_Stamp[s] = static_cast<unsigned char*>(stamp);
-        else {
+        if (stamp) {
+            Plat_Prefault(stamp, static_cast<size_t>(n));   /* cleared at every start */
+            Ray_Thread_Stamp[s] = static_cast<unsigned char*>(stamp);
+        } else {
             free(Ray_Thread_Stamp[s]);
             Ray_Thread_Stamp[s] = nullptr;
         }
