@@ -1,7 +1,7 @@
 /*
  * platform.h - every operating-system primitive the library uses, in one
- * place: the recursive lock, anonymous pipes, threads, sleep and the
- * path of the library's own module file.
+ * place: the recursive lock, anonymous pipes, threads, sleep, large
+ * buffers and their pages, and the path of the library's own module file.
  *
  * Functions return 0 on success and -1 on failure with errno set, unless
  * stated otherwise.
