@@ -493,7 +493,8 @@ void shade(const Ray_Packet_Scene& ps, I8 c, const F8* n, const F8* dir, I8 m, I
         F8 R[3];
         for (int a = 0; a < 3; a++) R[a] = add(mul(mul(f8(2.0f), d), n[a]), L[a]);
         F8 e = sub(sub(neg(mul(R[1], dir[1])), mul(R[0], dir[0])), mul(R[2], dir[2]));
-        I8 specular = and_(f_gt(e, f8(0.0f)), m);
+        /* Lanes whose index finds 0 in the table add nothing: left out. */
+        I8 specular = and_(and_(f_gt(e, f8(0.0f)), f_ge(e, f8(ps.spec_from))), m);
         if (any(specular)) {
             F8 ec = sel(f_lt(e, f8(1.0f)), e, f8(1.0f));
             I8 idx = _mm256_min_epi32(to_i(mul(ec, f8(1024.0f))), i8(1023));

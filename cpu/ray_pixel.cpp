@@ -6,6 +6,7 @@
  */
 #include "cpu/ray_pixel.h"
 
+#include <cmath>
 #include <cstddef>
 #include <cstring>
 #if defined(__SSE2__)
@@ -363,6 +364,25 @@ static bool packet_fits(int slot, const Ray_Scene& sc, bool listening)
     return floats < 2147483647.0 && floats >= 4.0 * RAY_CH_NB && !(sc.vol_flag & 0x80u) && sc.col_mode <= 1 && z.known && sc.tag;
 }
 
+/*
+ * The smallest e whose specular index finds an entry other than 0 in the
+ * Phong table: the index of the first such entry / 1024 (exact), infinity
+ * when every entry is 0.  The index of e in [0, 1) is e x 1024 truncated,
+ * below the first such entry for every e below its quotient.
+ */
+static float phong_from(const unsigned int* phong)
+{
+    for (int b = 0; b < RAY_PHONG_SIZE; b += 16) {
+        unsigned int some = 0;
+        for (int k = 0; k < 16; k++) some |= phong[b + k];
+        if (some == 0) continue;
+        int i = b;
+        while (phong[i] == 0) i++;
+        return static_cast<float>(i) * 0.0009765625f;
+    }
+    return INFINITY;
+}
+
 static void packet_scene(int slot, const Ray_Scene& sc, Ray_Packet_Scene* ps)
 {
     ps->layout = Ray_Volume.render[slot];
@@ -393,6 +413,7 @@ static void packet_scene(int slot, const Ray_Scene& sc, Ray_Packet_Scene* ps)
         ps->light_dir[n][2] = sc.light_dir_z[i * sc.light_stride];
     }
     ps->phong = sc.phong;
+    ps->spec_from = phong_from(sc.phong);
     ps->run = &Ray_Thread_Run;
 }
 
