@@ -27,9 +27,8 @@
 struct Ray_Packet_Scene {
     const Ray_Render_Layout* layout;
     const unsigned char* tag;        /* the volume's tags */
-    const unsigned char* map_col;    /* 256, by tag */
-    const unsigned int* tag_col;     /* 256, by colour index */
     bool tag_colours;                /* col_mode 1 and some tag has a colour index: it takes its colour */
+    unsigned int tag_base[256];      /* with tag_colours: by tag, its base colour (Ray_Base_Color) */
     float clip;                      /* depth clip distance */
     float cut;                       /* threshold - 0.1 */
     int lights;                      /* the directional lights on among those looked at, in order */

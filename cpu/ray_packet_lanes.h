@@ -692,9 +692,8 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
                 /* The tag of the voxel entered and its base colour. */
                 I8 base = i8(0xFFFFFF);
                 if (ps.tag_colours) {
-                    I8 mc = byte_gather(ps.map_col, byte_gather(ps.tag, voxel_index(L, r.vox), smp), smp);
-                    I8 coloured = andnot(_mm256_cmpeq_epi32(mc, i8(0)), smp);
-                    base = sel(coloured, gather(reinterpret_cast<const int*>(ps.tag_col), mc, coloured), base);
+                    I8 tag = byte_gather(ps.tag, voxel_index(L, r.vox), smp);
+                    base = sel(smp, gather(reinterpret_cast<const int*>(ps.tag_base), tag, smp), base);
                 }
                 /*
                  * The grey level first where the last sampling step had no

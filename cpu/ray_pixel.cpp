@@ -387,8 +387,6 @@ static void packet_scene(int slot, const Ray_Scene& sc, Ray_Packet_Scene* ps)
 {
     ps->layout = Ray_Volume.render[slot];
     ps->tag = sc.tag;
-    ps->map_col = sc.map_col;
-    ps->tag_col = sc.tag_col;
     /* Without a tag that has a colour index, every base colour is white: the tags need not be read. */
     unsigned long long any = 0;
     for (int k = 0; k < 32; k++) {
@@ -398,6 +396,9 @@ static void packet_scene(int slot, const Ray_Scene& sc, Ray_Packet_Scene* ps)
     }
     bool indexed = any != 0;
     ps->tag_colours = sc.col_mode != 0 && indexed;
+    /* Each tag's base colour at once: one lookup a lane instead of two. */
+    if (ps->tag_colours)
+        for (int t = 0; t < 256; t++) ps->tag_base[t] = Ray_Base_Color(sc, static_cast<unsigned char>(t));
     ps->clip = sc.clip;
     ps->cut = sc.threshold - 0.1f;
     /* The ambient light, then the directional lights on among the first light_nb (at most 5). */
