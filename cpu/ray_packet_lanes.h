@@ -162,10 +162,39 @@ inline I8 dda_step(Lanes& r, const I8* dim)
     return t;
 }
 
+#if defined(__AVX512F__)
+/*
+ * Eight lanes of doubles in one 512-bit register: integers up to 2^53
+ * exactly.  The operations take the mask of every lane (GCC 12's forms
+ * without a mask start from an undefined register, which its warnings
+ * flag).
+ */
+const __mmask8 k_all = 0xFF;
+struct D8 {
+    __m512d v;
+};
+inline D8 d8(double x) { return {_mm512_set1_pd(x)}; }
+inline D8 to_d(I8 v) { return {_mm512_maskz_cvtepi32_pd(k_all, v)}; }
+/* Integral values within 32 bits back to lanes. */
+inline I8 to_i(D8 d) { return _mm512_maskz_cvttpd_epi32(k_all, d.v); }
+inline D8 add(D8 a, D8 b) { return {_mm512_add_pd(a.v, b.v)}; }
+inline D8 sub(D8 a, D8 b) { return {_mm512_sub_pd(a.v, b.v)}; }
+inline D8 mul(D8 a, D8 b) { return {_mm512_mul_pd(a.v, b.v)}; }
+inline D8 div(D8 a, D8 b) { return {_mm512_div_pd(a.v, b.v)}; }
+inline D8 min_(D8 a, D8 b) { return {_mm512_maskz_min_pd(k_all, a.v, b.v)}; }
+inline D8 max_(D8 a, D8 b) { return {_mm512_maskz_max_pd(k_all, a.v, b.v)}; }
+/* The smallest integer at or above a / b, for integers a and b > 0 below 2^53: the quotient is never within rounding of another integer. */
+inline D8 ceil_div(D8 a, D8 b) { return {_mm512_maskz_roundscale_pd(k_all, _mm512_div_pd(a.v, b.v), _MM_FROUND_TO_POS_INF | _MM_FROUND_NO_EXC)}; }
+/* m ? a : b for lanes of doubles. */
+inline D8 sel(I8 m, D8 a, D8 b) { return {_mm512_mask_blend_pd(_mm256_movepi32_mask(m), b.v, a.v)}; }
+/* a <= b per lane, as a lane mask. */
+inline I8 d_le(D8 a, D8 b) { return _mm256_movm_epi32(_mm512_cmp_pd_mask(a.v, b.v, _CMP_LE_OQ)); }
+#else
 /* Eight lanes of doubles, as two registers of four (lanes 0-3, 4-7): integers up to 2^53 exactly. */
 struct D8 {
     __m256d lo, hi;
 };
+inline D8 d8(double x) { return {_mm256_set1_pd(x), _mm256_set1_pd(x)}; }
 inline D8 to_d(I8 v)
 {
     return {_mm256_cvtepi32_pd(_mm256_castsi256_si128(v)), _mm256_cvtepi32_pd(_mm256_extracti128_si256(v, 1))};
@@ -175,6 +204,7 @@ inline I8 to_i(D8 d) { return _mm256_set_m128i(_mm256_cvttpd_epi32(d.hi), _mm256
 inline D8 add(D8 a, D8 b) { return {_mm256_add_pd(a.lo, b.lo), _mm256_add_pd(a.hi, b.hi)}; }
 inline D8 sub(D8 a, D8 b) { return {_mm256_sub_pd(a.lo, b.lo), _mm256_sub_pd(a.hi, b.hi)}; }
 inline D8 mul(D8 a, D8 b) { return {_mm256_mul_pd(a.lo, b.lo), _mm256_mul_pd(a.hi, b.hi)}; }
+inline D8 div(D8 a, D8 b) { return {_mm256_div_pd(a.lo, b.lo), _mm256_div_pd(a.hi, b.hi)}; }
 inline D8 min_(D8 a, D8 b) { return {_mm256_min_pd(a.lo, b.lo), _mm256_min_pd(a.hi, b.hi)}; }
 inline D8 max_(D8 a, D8 b) { return {_mm256_max_pd(a.lo, b.lo), _mm256_max_pd(a.hi, b.hi)}; }
 /* The smallest integer at or above a / b, for integers a and b > 0 below 2^53: the quotient is never within rounding of another integer. */
@@ -198,6 +228,7 @@ inline I8 d_le(D8 a, D8 b)
     __m256 hi = _mm256_permutevar8x32_ps(_mm256_castpd_ps(_mm256_cmp_pd(a.hi, b.hi, _CMP_LE_OQ)), even);
     return _mm256_castps_si256(_mm256_blend_ps(lo, hi, 0xF0));
 }
+#endif
 
 /*
  * Lanes m, each in a macro block where every step is leaped: the DDA
@@ -212,7 +243,7 @@ inline I8 d_le(D8 a, D8 b)
 inline I8 jump(Lanes& r, const I8* dim, I8 m)
 {
     const int side = 1 << (RAY_BLOCK_SHIFT + RAY_MACRO_SHIFT);
-    const D8 inf = {_mm256_set1_pd(INFINITY), _mm256_set1_pd(INFINITY)};
+    const D8 inf = d8(INFINITY);
     /* The first crossing not taken: any axis's end, or the macro block's exit on a stepping axis. */
     D8 tau = to_d(_mm256_min_epi32(_mm256_min_epi32(r.t_end[0], r.t_end[1]), r.t_end[2]));
     D8 tm[3], de[3];
@@ -227,9 +258,9 @@ inline I8 jump(Lanes& r, const I8* dim, I8 m)
         tau = min_(tau, sel(stepping[a], add(tm[a], mul(to_d(left), de[a])), inf));
     }
     /* Crossings per axis before tau, the axis's next crossing after them, the last one taken. */
-    const D8 zero = {_mm256_setzero_pd(), _mm256_setzero_pd()};
-    const D8 top = {_mm256_set1_pd(2147483647.0), _mm256_set1_pd(2147483647.0)};
-    D8 last = {_mm256_set1_pd(-INFINITY), _mm256_set1_pd(-INFINITY)};
+    const D8 zero = d8(0.0);
+    const D8 top = d8(2147483647.0);
+    D8 last = d8(-INFINITY);
     I8 ok = m, any_j = _mm256_setzero_si256();
     I8 j[3];
     D8 next[3];
@@ -518,11 +549,16 @@ inline void map_point(const float* m, F8 x, F8 y, F8 z, F8* out)
 }
 
 /* Double lanes of float lanes, and float lanes of double lanes (rounded). */
+#if defined(__AVX512F__)
+inline D8 to_d(F8 v) { return {_mm512_maskz_cvtps_pd(k_all, v)}; }
+inline F8 to_f(D8 d) { return _mm512_maskz_cvtpd_ps(k_all, d.v); }
+#else
 inline D8 to_d(F8 v)
 {
     return {_mm256_cvtps_pd(_mm256_castps256_ps128(v)), _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1))};
 }
 inline F8 to_f(D8 d) { return _mm256_set_m128(_mm256_cvtpd_ps(d.hi), _mm256_cvtpd_ps(d.lo)); }
+#endif
 
 /* Pack_Byte of each lane: 255 at or above, else the low byte. */
 inline unsigned int pack_byte(int v) { return v >= 255 ? 255u : static_cast<unsigned int>(v) & 0xFFu; }
@@ -556,7 +592,7 @@ int RAY_PACKET_SETUP(const float* m, int W, int H, const int* dim, int n, const 
     I8 miss = _mm256_setzero_si256();
     F8 t[3];
     I8 up[3], down[3];
-    const D8 inset = {_mm256_set1_pd(RAY_ENTRY_INSET), _mm256_set1_pd(RAY_ENTRY_INSET)};
+    const D8 inset = d8(RAY_ENTRY_INSET);
     for (int a = 0; a < 3; a++) {
         up[a] = f_gt(dir[a], eps);
         down[a] = f_lt(dir[a], neg(eps));
@@ -564,7 +600,7 @@ int RAY_PACKET_SETUP(const float* m, int W, int H, const int* dim, int n, const 
         /* The distance to the low face going up, to the high face going down: one division for either. */
         D8 to_low = add(sub(to_d(zero), pd), inset), to_high = sub(sub(to_d(high[a]), pd), inset);
         D8 gap = sel(up[a], to_low, to_high);
-        D8 q = {_mm256_div_pd(gap.lo, dd.lo), _mm256_div_pd(gap.hi, dd.hi)};
+        D8 q = div(gap, dd);
         I8 outside = or_(f_lt(eye[a], zero), f_gt(eye[a], high[a]));
         miss = or_(miss, andnot(or_(up[a], down[a]), outside));
         t[a] = sel(or_(up[a], down[a]), to_f(q), f8(RAY_ENTRY_NONE));
@@ -589,7 +625,7 @@ int RAY_PACKET_SETUP(const float* m, int W, int H, const int* dim, int n, const 
         F8 rel = sub(start[a], zero);
         F8 fl = _mm256_floor_ps(rel);
         I8 delta_up = to_i(inv), delta_down = to_i(neg(inv));
-        D8 frac = sub(add(to_d(fl), D8{_mm256_set1_pd(1.0), _mm256_set1_pd(1.0)}), to_d(rel));
+        D8 frac = sub(add(to_d(fl), d8(1.0)), to_d(rel));
         I8 max_up = to_i(mul(frac, to_d(delta_up)));   /* Ray_D2I<RAY_CPU> */
         I8 max_down = to_i(mul(sub(rel, fl), to_f(delta_down)));
         I8 e_up = to_i(mul(sub(high[a], start[a]), inv));
