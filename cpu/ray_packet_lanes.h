@@ -175,6 +175,9 @@ struct D8 {
 };
 inline D8 d8(double x) { return {_mm512_set1_pd(x)}; }
 inline D8 to_d(I8 v) { return {_mm512_maskz_cvtepi32_pd(k_all, v)}; }
+/* Double lanes of float lanes, and float lanes of double lanes (rounded). */
+inline D8 to_d(F8 v) { return {_mm512_maskz_cvtps_pd(k_all, v)}; }
+inline F8 to_f(D8 d) { return _mm512_maskz_cvtpd_ps(k_all, d.v); }
 /* Integral values within 32 bits back to lanes. */
 inline I8 to_i(D8 d) { return _mm512_maskz_cvttpd_epi32(k_all, d.v); }
 inline D8 add(D8 a, D8 b) { return {_mm512_add_pd(a.v, b.v)}; }
@@ -184,7 +187,7 @@ inline D8 div(D8 a, D8 b) { return {_mm512_div_pd(a.v, b.v)}; }
 inline D8 min_(D8 a, D8 b) { return {_mm512_maskz_min_pd(k_all, a.v, b.v)}; }
 inline D8 max_(D8 a, D8 b) { return {_mm512_maskz_max_pd(k_all, a.v, b.v)}; }
 /* The smallest integer at or above a / b, for integers a and b > 0 below 2^53: the quotient is never within rounding of another integer. */
-inline D8 ceil_div(D8 a, D8 b) { return {_mm512_maskz_roundscale_pd(k_all, _mm512_div_pd(a.v, b.v), _MM_FROUND_TO_POS_INF | _MM_FROUND_NO_EXC)}; }
+inline D8 ceil_div(D8 a, D8 b) { return {_mm512_maskz_roundscale_pd(k_all, div(a, b).v, _MM_FROUND_TO_POS_INF | _MM_FROUND_NO_EXC)}; }
 /* m ? a : b for lanes of doubles. */
 inline D8 sel(I8 m, D8 a, D8 b) { return {_mm512_mask_blend_pd(_mm256_movepi32_mask(m), b.v, a.v)}; }
 /* a <= b per lane, as a lane mask. */
@@ -199,6 +202,12 @@ inline D8 to_d(I8 v)
 {
     return {_mm256_cvtepi32_pd(_mm256_castsi256_si128(v)), _mm256_cvtepi32_pd(_mm256_extracti128_si256(v, 1))};
 }
+/* Double lanes of float lanes, and float lanes of double lanes (rounded). */
+inline D8 to_d(F8 v)
+{
+    return {_mm256_cvtps_pd(_mm256_castps256_ps128(v)), _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1))};
+}
+inline F8 to_f(D8 d) { return _mm256_set_m128(_mm256_cvtpd_ps(d.hi), _mm256_cvtpd_ps(d.lo)); }
 /* Integral values within 32 bits back to lanes. */
 inline I8 to_i(D8 d) { return _mm256_set_m128i(_mm256_cvttpd_epi32(d.hi), _mm256_cvttpd_epi32(d.lo)); }
 inline D8 add(D8 a, D8 b) { return {_mm256_add_pd(a.lo, b.lo), _mm256_add_pd(a.hi, b.hi)}; }
@@ -211,7 +220,8 @@ inline D8 max_(D8 a, D8 b) { return {_mm256_max_pd(a.lo, b.lo), _mm256_max_pd(a.
 inline D8 ceil_div(D8 a, D8 b)
 {
     const int up = _MM_FROUND_TO_POS_INF | _MM_FROUND_NO_EXC;
-    return {_mm256_round_pd(_mm256_div_pd(a.lo, b.lo), up), _mm256_round_pd(_mm256_div_pd(a.hi, b.hi), up)};
+    D8 q = div(a, b);
+    return {_mm256_round_pd(q.lo, up), _mm256_round_pd(q.hi, up)};
 }
 /* m ? a : b for lanes of doubles. */
 inline D8 sel(I8 m, D8 a, D8 b)
@@ -548,17 +558,6 @@ inline void map_point(const float* m, F8 x, F8 y, F8 z, F8* out)
     for (int k = 0; k < 3; k++) out[k] = sel(one, o[k], mul(o[k], r));
 }
 
-/* Double lanes of float lanes, and float lanes of double lanes (rounded). */
-#if defined(__AVX512F__)
-inline D8 to_d(F8 v) { return {_mm512_maskz_cvtps_pd(k_all, v)}; }
-inline F8 to_f(D8 d) { return _mm512_maskz_cvtpd_ps(k_all, d.v); }
-#else
-inline D8 to_d(F8 v)
-{
-    return {_mm256_cvtps_pd(_mm256_castps256_ps128(v)), _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1))};
-}
-inline F8 to_f(D8 d) { return _mm256_set_m128(_mm256_cvtpd_ps(d.hi), _mm256_cvtpd_ps(d.lo)); }
-#endif
 
 /* Pack_Byte of each lane: 255 at or above, else the low byte. */
 inline unsigned int pack_byte(int v) { return v >= 255 ? 255u : static_cast<unsigned int>(v) & 0xFFu; }
