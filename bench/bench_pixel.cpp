@@ -7,9 +7,10 @@
  *   BM_Ray_Pixel_Frame     the frame through Ray_Pixel, as a ray worker
  *                          casts it: render layout, run flag read without
  *                          the lock (no trace sink listens)
- *   BM_Ray_Packet_Frame    the frame in rows of eight pixels walked side by
- *                          side, by the AVX2 build (/1) and the AVX-512
- *                          build (/2) where the processor runs them
+ *   BM_Ray_Packet_Frame    the frame in the pipeline's batches of pixels
+ *                          walked side by side, by the AVX2 build (/1,
+ *                          eight lanes) and the AVX-512 build (/2,
+ *                          sixteen) where the processor runs them
  *   BM_Plain_Locked_Frame  the same rays through the plain walk over the
  *                          five separate volumes, the run flag read under
  *                          the lock at every step: the figure before the
@@ -129,7 +130,7 @@ void BM_Ray_Pixel_Frame(benchmark::State& state)
 }
 BENCHMARK(BM_Ray_Pixel_Frame)->Unit(benchmark::kMillisecond);
 
-/* The frame in the pipeline's batches: eight pixels of a row at a time (rays walked side by side). */
+/* The frame in the pipeline's batches: RAY_BATCH pixels of a row at a time (rays walked side by side). */
 void BM_Ray_Packet_Frame(benchmark::State& state)
 {
     Frame_Setup& f = frame();
@@ -142,12 +143,12 @@ void BM_Ray_Packet_Frame(benchmark::State& state)
     uint64_t sum = 0;
     for (auto _ : state) {
         for (int j = 0; j < k_h; j++)
-            for (int i = 0; i < k_w; i += RAY_PACKET_LANES) {
-                int is[RAY_PACKET_LANES], js[RAY_PACKET_LANES];
-                unsigned int word[RAY_PACKET_LANES];
-                for (int k = 0; k < RAY_PACKET_LANES; k++) is[k] = i + k, js[k] = j;
-                Ray_Pixels_View(k_slot, view, RAY_PACKET_LANES, is, js, word);
-                for (int k = 0; k < RAY_PACKET_LANES; k++) sum += word[k];
+            for (int i = 0; i < k_w; i += RAY_BATCH) {
+                int is[RAY_BATCH], js[RAY_BATCH];
+                unsigned int word[RAY_BATCH];
+                for (int k = 0; k < RAY_BATCH; k++) is[k] = i + k, js[k] = j;
+                Ray_Pixels_View(k_slot, view, RAY_BATCH, is, js, word);
+                for (int k = 0; k < RAY_BATCH; k++) sum += word[k];
             }
     }
     Ray_Packet_Widest = RAY_PACKET_AVX512;

@@ -1,6 +1,7 @@
 /*
- * ray_packet.h - eight rays of one batch walked side by side, one ray per
- * lane of the processor's eight-wide registers.
+ * ray_packet.h - the rays of one batch walked side by side, one ray per
+ * lane of the processor's vector registers: eight with AVX2, sixteen with
+ * AVX-512.
  *
  * Each lane computes exactly what the one-ray walk over the render layout
  * computes for its ray: the same float and integer operations in the same
@@ -18,8 +19,8 @@
 #include "core/ray_core.h"
 #include "cpu/ray_render_layout.h"
 
-/* Rays a packet walks at once. */
-#define RAY_PACKET_LANES 8
+/* The most rays a packet walks at once (Ray_Packet_Lanes_For: eight with AVX2, sixteen with AVX-512). */
+#define RAY_PACKET_LANES 16
 /* Pixels a worker casts per batch of tasks. */
 #define RAY_BATCH 32
 
@@ -43,7 +44,7 @@ struct Ray_Packet_Scene {
 enum Ray_Packet_Kind { RAY_PACKET_NONE, RAY_PACKET_AVX2, RAY_PACKET_AVX512 };
 
 /*
- * Walks rays[0 .. n-1] (n <= RAY_PACKET_LANES, each set up by
+ * Walks rays[0 .. n-1] (n <= the build's Ray_Packet_Lanes_For, each set up by
  * Ray_DDDA_Param with its entry, origin and direction filled in) and
  * writes their pixel words into out.
  */
@@ -52,7 +53,7 @@ void Ray_Packet_Walk_Avx2(const Ray_Packet_Scene& ps, const Rays* rays, int n, u
 void Ray_Packet_Walk_Avx512(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsigned int* out);
 
 /*
- * Sets up the rays of pixels (i[l], j[l]), l < n <= RAY_PACKET_LANES, with
+ * Sets up the rays of pixels (i[l], j[l]), l < n <= the build's lanes, with
  * the draws r1[l], r2[l], of a W x H box seen through the 16 floats m, in
  * the volume box 0 - dim, as Ray_Pixel_Ray, the direction's scaling and
  * Ray_Setup do one at a time: bit l of the result is set when ray l enters
@@ -75,6 +76,8 @@ extern std::atomic<int> Ray_Packet_Widest;
 Ray_Packet_Walk_Fn Ray_Packet_Walk_For(int kind);
 /* The set-up of the same build. */
 Ray_Packet_Setup_Fn Ray_Packet_Setup_For(int kind);
+/* The rays a packet of the same build walks at once; 0 for none. */
+int Ray_Packet_Lanes_For(int kind);
 
 /* Whether this processor runs a packet walk at all. */
 inline bool Ray_Packet_Available() { return Ray_Packet_Walk_For(RAY_PACKET_AVX512) != nullptr; }

@@ -350,6 +350,15 @@ Ray_Packet_Setup_Fn Ray_Packet_Setup_For(int kind)
     }
 }
 
+int Ray_Packet_Lanes_For(int kind)
+{
+    switch (packet_kind(kind)) {
+    case RAY_PACKET_AVX512: return 16;
+    case RAY_PACKET_AVX2: return 8;
+    default: return 0;
+    }
+}
+
 /*
  * Whether the packet walk computes the rays of scene sc: a render layout
  * whose channel offsets fit its 32-bit lanes and of four voxels at least, no clip box, colour mode 0
@@ -429,6 +438,7 @@ void Ray_Pixels_View(int slot, const Ray_View& view, int n, const int* i, const 
     int kind = Ray_Packet_Widest.load(std::memory_order_relaxed);
     Ray_Packet_Walk_Fn walk = Ray_Packet_Walk_For(kind);
     Ray_Packet_Setup_Fn setup = Ray_Packet_Setup_For(kind);
+    const int width = Ray_Packet_Lanes_For(kind);
     if (!walk || !packet_fits(slot, sc, Corekit_Trace_Listening() != 0)) {
         for (int k = 0; k < n; k++) {
             float eye[3], unit[3];
@@ -445,9 +455,9 @@ void Ray_Pixels_View(int slot, const Ray_View& view, int n, const int* i, const 
     int lane_pixel[RAY_PACKET_LANES];
     int lanes = 0;
     unsigned int words[RAY_PACKET_LANES];
-    for (int k0 = 0; k0 < n; k0 += RAY_PACKET_LANES) {
-        /* Set up eight at a time, as Ray_Cast does one; the draws taken pixel by pixel, as one at a time. */
-        int m = n - k0 < RAY_PACKET_LANES ? n - k0 : RAY_PACKET_LANES;
+    for (int k0 = 0; k0 < n; k0 += width) {
+        /* Set up a packet's worth at a time, as Ray_Cast does one; the draws taken pixel by pixel, as one at a time. */
+        int m = n - k0 < width ? n - k0 : width;
         float r1[RAY_PACKET_LANES], r2[RAY_PACKET_LANES];
         for (int l = 0; l < m; l++) {
             r1[l] = Fct_Random_Float();
@@ -471,7 +481,7 @@ void Ray_Pixels_View(int slot, const Ray_View& view, int n, const int* i, const 
             }
             lane[lanes] = set[l];
             lane_pixel[lanes++] = k;
-            if (lanes == RAY_PACKET_LANES) {
+            if (lanes == width) {
                 walk(ps, lane, lanes, words);
                 for (int q = 0; q < lanes; q++) out[lane_pixel[q]] = words[q];
                 lanes = 0;

@@ -44,7 +44,7 @@ unsigned int Ray_Pixel_View(int slot, const Ray_View& view, int i, int j);
  * The words of pixels (i[k], j[k]), k < n, of slot's frame in view, into
  * out[k]: each the word Ray_Pixel_View gives, with the jitter draws taken
  * pixel by pixel in the same order.  Where the processor and the scene
- * allow, eight rays are walked at once.
+ * allow, eight rays (AVX2) or sixteen (AVX-512) are walked at once.
  */
 void Ray_Pixels_View(int slot, const Ray_View& view, int n, const int* i, const int* j, unsigned int* out);
 

@@ -16,7 +16,7 @@
 
 /* Channels of a voxel, in this order. */
 enum { RAY_CH_G = 0, RAY_CH_A = 1, RAY_CH_X = 2, RAY_CH_Y = 3, RAY_CH_Z = 4, RAY_CH_NB = 5 };
-/* Floats read past the last voxel by the eight-wide loads. */
+/* Floats past the last voxel that the packets' four-float loads may read (two). */
 #define RAY_LAYOUT_PAD 3
 /* log2 of the block side. */
 #define RAY_BLOCK_SHIFT 2

@@ -311,8 +311,10 @@ TEST(FastWalk, PacketSetUpAsOneRay)
         for (int a = 0; a < 3; a++) sc.dim[a] = dim[a];
         for (int build = RAY_PACKET_AVX2; build <= RAY_PACKET_AVX512; build++) {
             Rays got[RAY_PACKET_LANES];
-            int entered = Ray_Packet_Setup_For(build)(m, W, H, dim, n, is, js, r1, r2, got);
-            for (int l = 0; l < n; l++) {
+            int lanes = n < Ray_Packet_Lanes_For(build) ? n : Ray_Packet_Lanes_For(build);
+            int entered = Ray_Packet_Setup_For(build)(m, W, H, dim, lanes, is, js, r1, r2, got);
+            ASSERT_EQ(entered >> lanes, 0) << what << " build " << build;
+            for (int l = 0; l < lanes; l++) {
                 float eye[3], d[3], inv;
                 Ray_Pixel_Ray(m, is[l], js[l], W, H, r1[l], r2[l], eye, d, &inv);
                 Vector_4 unit(d[0], d[1], d[2], 0.0f);
