@@ -28,18 +28,24 @@ namespace {
 
 #if defined(__AVX512F__)
 /*
- * Sixteen lanes, one 512-bit register of floats or of 32-bit integers.  A
- * lane mask is a vector of lanes all ones or all zeros, as in the AVX2
- * build, turned into a mask register where an instruction takes one.
+ * Sixteen lanes, one 512-bit register of floats or of 32-bit integers; a
+ * lane mask is a mask register, a bit a lane.
  */
 const int LANES = 16;
 typedef __m512 Fv;
 typedef __m512i Iv;
+typedef __mmask16 Mk;
 /* Every lane: GCC 12's forms without a mask start from an undefined register, which its warnings flag. */
 const __mmask16 K = 0xFFFF;
-inline __mmask16 k_of(Iv m) { return _mm512_movepi32_mask(m); }
-inline Iv m_of(__mmask16 k) { return _mm512_movm_epi32(k); }
-inline Iv ones() { return _mm512_set1_epi32(-1); }
+inline Mk all() { return K; }
+inline Mk none() { return 0; }
+inline Mk and_(Mk a, Mk b) { return static_cast<Mk>(a & b); }
+inline Mk or_(Mk a, Mk b) { return static_cast<Mk>(a | b); }
+inline Mk andnot(Mk a, Mk b) { return static_cast<Mk>(~a & b); }   /* ~a & b */
+/* The first n lanes. */
+inline Mk lanes_of(int n) { return static_cast<Mk>(n >= LANES ? K : (1u << n) - 1); }
+/* v in the lanes m, 0 elsewhere. */
+inline Iv keep(Mk m, Iv v) { return _mm512_maskz_mov_epi32(m, v); }
 inline Iv iv(int v) { return _mm512_set1_epi32(v); }
 inline Fv fv(float v) { return _mm512_set1_ps(v); }
 inline Iv zero_i() { return _mm512_setzero_si512(); }
@@ -49,16 +55,16 @@ inline Iv or_(Iv a, Iv b) { return _mm512_or_si512(a, b); }
 inline Iv andnot(Iv a, Iv b) { return _mm512_maskz_andnot_epi32(K, a, b); }   /* ~a & b */
 inline Iv xor_(Iv a, Iv b) { return _mm512_xor_si512(a, b); }
 /* m ? a : b, lane by lane. */
-inline Iv sel(Iv m, Iv a, Iv b) { return _mm512_mask_blend_epi32(k_of(m), b, a); }
-inline Fv sel(Iv m, Fv a, Fv b) { return _mm512_mask_blend_ps(k_of(m), b, a); }
+inline Iv sel(Mk m, Iv a, Iv b) { return _mm512_mask_blend_epi32(m, b, a); }
+inline Fv sel(Mk m, Fv a, Fv b) { return _mm512_mask_blend_ps(m, b, a); }
 /* Bit l set where lane l of m is. */
-inline int any(Iv m) { return k_of(m); }
+inline int any(Mk m) { return m; }
 /* Signed comparisons of 32-bit lanes. */
-inline Iv gt(Iv a, Iv b) { return m_of(_mm512_cmpgt_epi32_mask(a, b)); }
-inline Iv eq(Iv a, Iv b) { return m_of(_mm512_cmpeq_epi32_mask(a, b)); }
+inline Mk gt(Iv a, Iv b) { return _mm512_cmpgt_epi32_mask(a, b); }
+inline Mk eq(Iv a, Iv b) { return _mm512_cmpeq_epi32_mask(a, b); }
 /* Float comparisons: the ordered ones false where either side is NaN, as in C. */
 template <int P>
-inline Iv f_cmp(Fv a, Fv b) { return m_of(_mm512_cmp_ps_mask(a, b, P)); }
+inline Mk f_cmp(Fv a, Fv b) { return _mm512_cmp_ps_mask(a, b, P); }
 inline Fv add(Fv a, Fv b) { return _mm512_add_ps(a, b); }
 inline Fv sub(Fv a, Fv b) { return _mm512_sub_ps(a, b); }
 inline Fv mul(Fv a, Fv b) { return _mm512_mul_ps(a, b); }
@@ -85,8 +91,8 @@ inline void store_f(float* p, Fv a) { _mm512_storeu_ps(p, a); }
 inline void store_i(int* p, Iv a) { _mm512_storeu_si512(p, a); }
 /* The words at base + index * S (bytes) of lanes m, 0 elsewhere. */
 template <int S>
-inline Iv gather_words(const void* base, Iv index, Iv m) { return _mm512_mask_i32gather_epi32(zero_i(), k_of(m), index, base, S); }
-inline Fv gather(const float* base, Iv index, Iv m) { return _mm512_mask_i32gather_ps(zero_f(), k_of(m), index, base, 4); }
+inline Iv gather_words(const void* base, Iv index, Mk m) { return _mm512_mask_i32gather_epi32(zero_i(), m, index, base, S); }
+inline Fv gather(const float* base, Iv index, Mk m) { return _mm512_mask_i32gather_ps(zero_f(), m, index, base, 4); }
 /* Four floats at at[q + 4k] + off into the k-th quarter, k < LANES / 4. */
 inline Fv quads(const float* const* at, int q, size_t off)
 {
@@ -110,11 +116,15 @@ inline void pointers(const float* base, Iv index, const float** at)
     _mm512_storeu_si512(at + 8, _mm512_add_epi64(b, _mm512_maskz_slli_epi64(0xFF, hi, 2)));
 }
 #else
-/* Eight lanes, one 256-bit register of floats or of 32-bit integers; a lane mask is all ones or all zeros per lane. */
+/* Eight lanes, one 256-bit register of floats or of 32-bit integers; a lane mask is a lane all ones or all zeros. */
 const int LANES = 8;
 typedef __m256 Fv;
 typedef __m256i Iv;
-inline Iv ones() { return _mm256_set1_epi32(-1); }
+typedef __m256i Mk;
+inline Mk all() { return _mm256_set1_epi32(-1); }
+inline Mk none() { return _mm256_setzero_si256(); }
+/* The first n lanes. */
+inline Mk lanes_of(int n) { return _mm256_cmpgt_epi32(_mm256_set1_epi32(n), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7)); }
 inline Iv iv(int v) { return _mm256_set1_epi32(v); }
 inline Fv fv(float v) { return _mm256_set1_ps(v); }
 inline Iv zero_i() { return _mm256_setzero_si256(); }
@@ -123,6 +133,8 @@ inline Iv and_(Iv a, Iv b) { return _mm256_and_si256(a, b); }
 inline Iv or_(Iv a, Iv b) { return _mm256_or_si256(a, b); }
 inline Iv andnot(Iv a, Iv b) { return _mm256_andnot_si256(a, b); }   /* ~a & b */
 inline Iv xor_(Iv a, Iv b) { return _mm256_xor_si256(a, b); }
+/* v in the lanes m, 0 elsewhere. */
+inline Iv keep(Mk m, Iv v) { return and_(m, v); }
 /* m ? a : b, lane by lane. */
 inline Iv sel(Iv m, Iv a, Iv b) { return _mm256_blendv_epi8(b, a, m); }
 inline Fv sel(Iv m, Fv a, Fv b) { return _mm256_blendv_ps(b, a, _mm256_castsi256_ps(m)); }
@@ -190,25 +202,25 @@ inline void pointers(const float* base, Iv index, const float** at)
 #endif
 static_assert(LANES <= RAY_PACKET_LANES, "a packet's lanes fit the callers' arrays");
 
-inline Iv le(Iv a, Iv b) { return andnot(gt(a, b), ones()); }
+inline Mk le(Iv a, Iv b) { return andnot(gt(a, b), all()); }
 /* 0 <= v < n for n >= 0: v as unsigned below n, as Ray_Inside asks. */
-inline Iv below(Iv v, Iv n) { return andnot(gt(iv(0), v), gt(n, v)); }
-inline Iv f_le(Fv a, Fv b) { return f_cmp<_CMP_LE_OQ>(a, b); }
-inline Iv f_lt(Fv a, Fv b) { return f_cmp<_CMP_LT_OQ>(a, b); }
-inline Iv f_gt(Fv a, Fv b) { return f_cmp<_CMP_GT_OQ>(a, b); }
-inline Iv f_ge(Fv a, Fv b) { return f_cmp<_CMP_GE_OQ>(a, b); }
-inline Iv f_eq(Fv a, Fv b) { return f_cmp<_CMP_EQ_OQ>(a, b); }
+inline Mk below(Iv v, Iv n) { return andnot(gt(iv(0), v), gt(n, v)); }
+inline Mk f_le(Fv a, Fv b) { return f_cmp<_CMP_LE_OQ>(a, b); }
+inline Mk f_lt(Fv a, Fv b) { return f_cmp<_CMP_LT_OQ>(a, b); }
+inline Mk f_gt(Fv a, Fv b) { return f_cmp<_CMP_GT_OQ>(a, b); }
+inline Mk f_ge(Fv a, Fv b) { return f_cmp<_CMP_GE_OQ>(a, b); }
+inline Mk f_eq(Fv a, Fv b) { return f_cmp<_CMP_EQ_OQ>(a, b); }
 /* a != b or either NaN, as C's != */
-inline Iv f_ne(Fv a, Fv b) { return f_cmp<_CMP_NEQ_UQ>(a, b); }
+inline Mk f_ne(Fv a, Fv b) { return f_cmp<_CMP_NEQ_UQ>(a, b); }
 /* Not NaN. */
-inline Iv f_ord(Fv a) { return f_cmp<_CMP_ORD_Q>(a, a); }
+inline Mk f_ord(Fv a) { return f_cmp<_CMP_ORD_Q>(a, a); }
 inline Fv neg(Fv a) { return from_bits(xor_(bits(a), iv(static_cast<int>(0x80000000u)))); }
 
 /*
  * The bytes p[index] of lanes m: four bytes read from at most three before
  * (never before p, so the array needs four bytes at least), then shifted.
  */
-inline Iv byte_gather(const unsigned char* p, Iv index, Iv m)
+inline Iv byte_gather(const unsigned char* p, Iv index, Mk m)
 {
     Iv from = max_i(sub(index, iv(3)), zero_i());
     Iv word = gather_words<1>(p, from, m);
@@ -238,14 +250,13 @@ struct Lanes {
     Fv org[3], dir[3], entry;
     Iv t_prev;
     Fv col[3], T;
-    Iv active;
+    Mk active;
 };
 
 void load(Lanes& r, const Rays* rays, int n)
 {
     int vi[5][3][LANES] = {};
     float vf[7][LANES] = {};
-    int live[LANES] = {};
     for (int l = 0; l < n; l++) {
         const Rays& y = rays[l];
         for (int a = 0; a < 3; a++) {
@@ -258,7 +269,6 @@ void load(Lanes& r, const Rays* rays, int n)
             vf[3 + a][l] = y.dir[a];
         }
         vf[6][l] = y.entry;
-        live[l] = -1;
     }
     for (int a = 0; a < 3; a++) {
         r.vox[a] = load_i(vi[0][a]);
@@ -273,7 +283,7 @@ void load(Lanes& r, const Rays* rays, int n)
     r.entry = load_f(vf[6]);
     r.t_prev = zero_i();
     r.T = fv(1.0f);
-    r.active = load_i(live);
+    r.active = lanes_of(n);
 }
 
 /*
@@ -283,16 +293,16 @@ void load(Lanes& r, const Rays* rays, int n)
  */
 inline Iv dda_step(Lanes& r, const Iv* dim)
 {
-    Iv m0 = and_(le(r.t_max[0], r.t_max[1]), le(r.t_max[0], r.t_max[2]));
-    Iv m1 = andnot(m0, le(r.t_max[1], r.t_max[2]));
-    Iv m2 = andnot(or_(m0, m1), ones());
+    Mk m0 = and_(le(r.t_max[0], r.t_max[1]), le(r.t_max[0], r.t_max[2]));
+    Mk m1 = andnot(m0, le(r.t_max[1], r.t_max[2]));
+    Mk m2 = andnot(or_(m0, m1), all());
     Iv t = sel(m0, r.t_max[0], sel(m1, r.t_max[1], r.t_max[2]));
     Iv end = sel(m0, r.t_end[0], sel(m1, r.t_end[1], r.t_end[2]));
     r.active = andnot(le(end, t), r.active);
-    const Iv axis[3] = {and_(m0, r.active), and_(m1, r.active), and_(m2, r.active)};
+    const Mk axis[3] = {and_(m0, r.active), and_(m1, r.active), and_(m2, r.active)};
     for (int a = 0; a < 3; a++) {
-        r.t_max[a] = add(r.t_max[a], and_(r.delta[a], axis[a]));
-        r.vox[a] = add(r.vox[a], and_(r.step[a], axis[a]));
+        r.t_max[a] = add(r.t_max[a], keep(axis[a], r.delta[a]));
+        r.vox[a] = add(r.vox[a], keep(axis[a], r.step[a]));
     }
     for (int a = 0; a < 3; a++) r.active = and_(r.active, below(r.vox[a], dim[a]));
     return t;
@@ -346,17 +356,16 @@ inline Dv ceil_div(Dv a, Dv b)
     return {_mm512_maskz_roundscale_pd(k_all, q.lo, up), _mm512_maskz_roundscale_pd(k_all, q.hi, up)};
 }
 /* m ? a : b for lanes of doubles. */
-inline Dv sel(Iv m, Dv a, Dv b)
+inline Dv sel(Mk m, Dv a, Dv b)
 {
-    __mmask16 k = k_of(m);
-    return {_mm512_mask_blend_pd(static_cast<__mmask8>(k), b.lo, a.lo),
-            _mm512_mask_blend_pd(static_cast<__mmask8>(k >> 8), b.hi, a.hi)};
+    return {_mm512_mask_blend_pd(static_cast<__mmask8>(m), b.lo, a.lo),
+            _mm512_mask_blend_pd(static_cast<__mmask8>(m >> 8), b.hi, a.hi)};
 }
 /* a <= b per lane, as a lane mask. */
-inline Iv d_le(Dv a, Dv b)
+inline Mk d_le(Dv a, Dv b)
 {
     unsigned lo = _mm512_cmp_pd_mask(a.lo, b.lo, _CMP_LE_OQ), hi = _mm512_cmp_pd_mask(a.hi, b.hi, _CMP_LE_OQ);
-    return m_of(static_cast<__mmask16>(lo | hi << 8));
+    return static_cast<Mk>(lo | hi << 8);
 }
 #else
 /* Eight lanes of doubles, as two registers of four (lanes 0-3, 4-7): integers up to 2^53 exactly. */
@@ -390,14 +399,14 @@ inline Dv ceil_div(Dv a, Dv b)
     return {_mm256_round_pd(q.lo, up), _mm256_round_pd(q.hi, up)};
 }
 /* m ? a : b for lanes of doubles. */
-inline Dv sel(Iv m, Dv a, Dv b)
+inline Dv sel(Mk m, Dv a, Dv b)
 {
     __m256d lo = _mm256_castsi256_pd(_mm256_cvtepi32_epi64(_mm256_castsi256_si128(m)));
     __m256d hi = _mm256_castsi256_pd(_mm256_cvtepi32_epi64(_mm256_extracti128_si256(m, 1)));
     return {_mm256_blendv_pd(b.lo, a.lo, lo), _mm256_blendv_pd(b.hi, a.hi, hi)};
 }
 /* a <= b per lane, as a lane mask. */
-inline Iv d_le(Dv a, Dv b)
+inline Mk d_le(Dv a, Dv b)
 {
     const Iv even = _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6);
     __m256 lo = _mm256_permutevar8x32_ps(_mm256_castpd_ps(_mm256_cmp_pd(a.lo, b.lo, _CMP_LE_OQ)), even);
@@ -416,14 +425,14 @@ inline Iv d_le(Dv a, Dv b)
  * not step forward before them, is left to step.  Returns the lanes that
  * moved.
  */
-inline Iv jump(Lanes& r, const Iv* dim, Iv m)
+inline Mk jump(Lanes& r, const Iv* dim, Mk m)
 {
     const int side = 1 << (RAY_BLOCK_SHIFT + RAY_MACRO_SHIFT);
     const Dv inf = dv(INFINITY);
     /* The first crossing not taken: any axis's end, or the macro block's exit on a stepping axis. */
     Dv tau = to_d(min_i(min_i(r.t_end[0], r.t_end[1]), r.t_end[2]));
     Dv tm[3], de[3];
-    Iv stepping[3];
+    Mk stepping[3];
     for (int a = 0; a < 3; a++) {
         Iv lo = and_(r.vox[a], iv(~(side - 1)));
         Iv hi = min_i(add(lo, iv(side - 1)), sub(dim[a], iv(1)));
@@ -437,7 +446,7 @@ inline Iv jump(Lanes& r, const Iv* dim, Iv m)
     const Dv zero = dv(0.0);
     const Dv top = dv(2147483647.0);
     Dv last = dv(-INFINITY);
-    Iv ok = m, any_j = zero_i();
+    Mk ok = m, any_j = none();
     Iv j[3];
     Dv next[3];
     for (int a = 0; a < 3; a++) {
@@ -447,11 +456,11 @@ inline Iv jump(Lanes& r, const Iv* dim, Iv m)
         next[a] = add(tm[a], mul(k, de[a]));
         ok = and_(ok, d_le(next[a], top));
         j[a] = to_i(k);
-        Iv some = gt(j[a], iv(0));
+        Mk some = gt(j[a], iv(0));
         any_j = or_(any_j, some);
         last = max_(last, sel(some, sub(next[a], de[a]), last));
     }
-    Iv moved = and_(ok, any_j);
+    Mk moved = and_(ok, any_j);
     if (!any(moved)) return moved;
     for (int a = 0; a < 3; a++) {
         r.t_max[a] = sel(moved, to_i(next[a]), r.t_max[a]);
@@ -482,7 +491,7 @@ inline Iv macro_of(const Ray_Render_Layout& L, const Iv* v)
 /* The bound fields of blocks b (Ray_Block_Bound, five 32-bit words each). */
 const int k_block_words = sizeof(Ray_Block_Bound) / 4;
 static_assert(sizeof(Ray_Block_Bound) == 5 * 4, "a block bound is five 32-bit words");
-inline Fv block_field(const Ray_Render_Layout& L, Iv b, int word, Iv m)
+inline Fv block_field(const Ray_Render_Layout& L, Iv b, int word, Mk m)
 {
     return gather(reinterpret_cast<const float*>(L.block) + word, mul(b, iv(k_block_words)), m);
 }
@@ -492,7 +501,7 @@ inline Fv block_field(const Ray_Render_Layout& L, Iv b, int word, Iv m)
  * each: own_of and near_of take them apart.
  */
 static_assert(sizeof(Ray_Grey_Pair) == 4, "a block's bounds are one word, own in the low half on x86");
-inline Iv grey_pair(const Ray_Grey_Pair* t, Iv b, Iv m) { return gather_words<4>(t, b, m); }
+inline Iv grey_pair(const Ray_Grey_Pair* t, Iv b, Mk m) { return gather_words<4>(t, b, m); }
 inline Fv own_of(Iv pair) { return from_bits(sll(pair, 16)); }
 inline Fv near_of(Iv pair) { return from_bits(and_(pair, iv(static_cast<int>(0xFFFF0000u)))); }
 
@@ -500,13 +509,13 @@ inline Fv near_of(Iv pair) { return from_bits(and_(pair, iv(static_cast<int>(0xF
  * The folded grey bounds of blocks b in table t, lanes m (each entry read
  * as the low half of a 32-bit word: the table has one more).
  */
-inline Fv grey_bound(const Ray_Grey16* t, Iv b, Iv m)
+inline Fv grey_bound(const Ray_Grey16* t, Iv b, Mk m)
 {
     return from_bits(sll(gather_words<2>(t, b, m), 16));
 }
 
 /* Ray_Alpha_Is_Zero_Any_Tag for colour modes 0 and 1 with a finite threshold, from a folded bound. */
-inline Iv zero_any_tag(Fv bound, Fv cut, Iv m) { return and_(f_le(bound, cut), m); }
+inline Mk zero_any_tag(Fv bound, Fv cut, Mk m) { return and_(f_le(bound, cut), m); }
 
 /*
  * Channels 0 to 4 of the voxels at at[l] + off and of the next ones along x,
@@ -540,15 +549,15 @@ inline Iv voxel_index(const Ray_Render_Layout& L, const Iv* v)
 
 /*
  * One corner's share of channels C0 to C1 - 1 added to val: value * wx *
- * wy * wz, in that order, in the lanes keep and where the value is not
+ * wy * wz, in that order, in the lanes in and where the value is not
  * NaN (every lane where check is false: no NaN there).
  */
 template <int C0, int C1>
-inline void add_corner(Fv* val, const Fv* v, Fv wx, Fv wy, Fv wz, Iv keep, bool check)
+inline void add_corner(Fv* val, const Fv* v, Fv wx, Fv wy, Fv wz, Mk in, bool check)
 {
     for (int ch = C0; ch < C1; ch++) {
         Fv s = add(val[ch], mul(mul(mul(v[ch], wx), wy), wz));
-        val[ch] = check ? sel(and_(keep, f_ord(v[ch])), s, val[ch]) : s;
+        val[ch] = check ? sel(and_(in, f_ord(v[ch])), s, val[ch]) : s;
     }
 }
 
@@ -558,22 +567,22 @@ inline void add_corner(Fv* val, const Fv* v, Fv wx, Fv wy, Fv wz, Iv keep, bool 
  * float operations; val[RAY_CH_*] (the other channels left as they are).
  */
 template <int C0, int C1>
-void interpolate(const Ray_Packet_Scene& ps, const Fv* pos, const Iv* cell, Iv m, Iv no_nan, Fv* val)
+void interpolate(const Ray_Packet_Scene& ps, const Fv* pos, const Iv* cell, Mk m, Mk no_nan, Fv* val)
 {
     const Ray_Render_Layout& L = *ps.layout;
     Iv lo[3];
     Fv w[3][2];
-    Iv inside = ones();
+    Mk inside = all();
     for (int a = 0; a < 3; a++) {
         /* Ray_Interp_Axis_At */
         Fv f = sub(pos[a], to_f(cell[a]));
-        Iv low = f_lt(f, fv(0.5f));
+        Mk low = f_lt(f, fv(0.5f));
         lo[a] = sel(low, sub(cell[a], iv(1)), cell[a]);
         w[a][0] = sel(low, sub(fv(0.5f), f), sub(fv(1.5f), f));
         w[a][1] = sel(low, add(f, fv(0.5f)), sub(f, fv(0.5f)));
         inside = and_(inside, below(lo[a], iv(L.dim[a] - 1)));
     }
-    Iv full = and_(m, inside);
+    Mk full = and_(m, inside);
     for (int ch = C0; ch < C1; ch++) val[ch] = zero_f();
     if (!any(andnot(inside, m))) {
         if (!any(full)) return;
@@ -583,15 +592,15 @@ void interpolate(const Ray_Packet_Scene& ps, const Fv* pos, const Iv* cell, Iv m
          * some lane's does.
          */
         const float* at[LANES];
-        pointers(L.voxel, and_(mul(voxel_index(L, lo), iv(RAY_CH_NB)), full), at);
+        pointers(L.voxel, keep(full, mul(voxel_index(L, lo), iv(RAY_CH_NB))), at);
         bool nans = (any(andnot(no_nan, full)) != 0);
 #pragma GCC unroll 4
         for (int c = 0; c < 8; c += 2) {
             const size_t off = ((c & 2) ? L.row : 0) + ((c & 4) ? L.slice : 0);
             Fv v0[RAY_CH_NB], v1[RAY_CH_NB];
             corner_pair(at, off, v0, v1);
-            add_corner<C0, C1>(val, v0, w[0][0], w[1][(c >> 1) & 1], w[2][c >> 2], ones(), nans);
-            add_corner<C0, C1>(val, v1, w[0][1], w[1][(c >> 1) & 1], w[2][c >> 2], ones(), nans);
+            add_corner<C0, C1>(val, v0, w[0][0], w[1][(c >> 1) & 1], w[2][c >> 2], all(), nans);
+            add_corner<C0, C1>(val, v1, w[0][1], w[1][(c >> 1) & 1], w[2][c >> 2], all(), nans);
         }
         return;
     }
@@ -603,12 +612,12 @@ void interpolate(const Ray_Packet_Scene& ps, const Fv* pos, const Iv* cell, Iv m
 #pragma GCC unroll 8
     for (int c = 0; c < 8; c++) {
         const Iv corner[3] = {add(lo[0], iv(c & 1)), add(lo[1], iv((c >> 1) & 1)), add(lo[2], iv(c >> 2))};
-        Iv valid = m;
+        Mk valid = m;
         for (int a = 0; a < 3; a++) valid = and_(valid, below(corner[a], iv(L.dim[a])));
         /* Each channel's lanes at once (rare: a gather is cheaper than a transposition here). */
-        Iv at = and_(mul(voxel_index(L, corner), iv(RAY_CH_NB)), valid);
+        Iv at = keep(valid, mul(voxel_index(L, corner), iv(RAY_CH_NB)));
         Fv v[RAY_CH_NB];
-        for (int ch = 0; ch < RAY_CH_NB; ch++) v[ch] = gather(L.voxel + ch, at, ones());
+        for (int ch = 0; ch < RAY_CH_NB; ch++) v[ch] = gather(L.voxel + ch, at, all());
         add_corner<C0, C1>(val, v, w[0][c & 1], w[1][(c >> 1) & 1], w[2][c >> 2], valid, true);
     }
 }
@@ -622,11 +631,11 @@ void interpolate(const Ray_Packet_Scene& ps, const Fv* pos, const Iv* cell, Iv m
  * in mispredictions than the prefetches it saves, and so does asking for
  * both lines of each row.
  */
-inline void prefetch_rows(const Ray_Render_Layout& L, const Iv* v, Iv m)
+inline void prefetch_rows(const Ray_Render_Layout& L, const Iv* v, Mk m)
 {
     if (!any(m)) return;
     int first[LANES];
-    store_i(first, and_(mul(voxel_index(L, v), iv(RAY_CH_NB)), m));
+    store_i(first, keep(m, mul(voxel_index(L, v), iv(RAY_CH_NB))));
     /* Addresses as integers: a row past the volume's last one is asked for, never read. */
     const uintptr_t row = L.row * sizeof(float), slice = L.slice * sizeof(float);
     const uintptr_t rows[4] = {0, row, slice, slice + row};
@@ -644,10 +653,10 @@ inline Iv byte_of(Iv c, int k) { return and_(srl(c, 8 * k), iv(0xFF)); }
  * Ray_DDDA_Shade with every flag, lane by lane: base colours c, normals n,
  * directions dir; the three shaded channel bytes in out.
  */
-void shade(const Ray_Packet_Scene& ps, Iv c, const Fv* n, const Fv* dir, Iv m, Iv* out)
+void shade(const Ray_Packet_Scene& ps, Iv c, const Fv* n, const Fv* dir, Mk m, Iv* out)
 {
     Iv ck[3] = {byte_of(c, 0), byte_of(c, 1), byte_of(c, 2)};
-    Iv back = f_gt(add(add(mul(n[0], dir[0]), mul(n[1], dir[1])), mul(n[2], dir[2])), fv(0.0f));
+    Mk back = f_gt(add(add(mul(n[0], dir[0]), mul(n[1], dir[1])), mul(n[2], dir[2])), fv(0.0f));
     Iv s[3];
     for (int k = 0; k < 3; k++) s[k] = srl(mul(iv(ps.light_rgb[0][k]), ck[k]), 8);
     for (int i = 1; i <= ps.lights; i++) {
@@ -655,22 +664,22 @@ void shade(const Ray_Packet_Scene& ps, Iv c, const Fv* n, const Fv* dir, Iv m, I
         for (int k = 0; k < 3; k++) lk[k] = iv(ps.light_rgb[i][k]);
         const Fv L[3] = {fv(ps.light_dir[i][0]), fv(ps.light_dir[i][1]), fv(ps.light_dir[i][2])};
         Fv d = sub(sub(neg(mul(n[0], L[0])), mul(n[1], L[1])), mul(n[2], L[2]));
-        Iv diffuse = f_gt(d, fv(0.0f));
+        Mk diffuse = f_gt(d, fv(0.0f));
         if (any(and_(diffuse, m))) {
             Iv q = and_(to_i(mul(d, fv(255.0f))), iv(0xFF));
             for (int k = 0; k < 3; k++)
-                s[k] = add(s[k], and_(diffuse, srl(mul(mul(lk[k], ck[k]), q), 16)));
+                s[k] = add(s[k], keep(diffuse, srl(mul(mul(lk[k], ck[k]), q), 16)));
         }
         Fv R[3];
         for (int a = 0; a < 3; a++) R[a] = add(mul(mul(fv(2.0f), d), n[a]), L[a]);
         Fv e = sub(sub(neg(mul(R[1], dir[1])), mul(R[0], dir[0])), mul(R[2], dir[2]));
         /* Lanes whose index finds 0 in the table add nothing: left out. */
-        Iv specular = and_(and_(f_gt(e, fv(0.0f)), f_ge(e, fv(ps.spec_from))), m);
+        Mk specular = and_(and_(f_gt(e, fv(0.0f)), f_ge(e, fv(ps.spec_from))), m);
         if (any(specular)) {
             Fv ec = sel(f_lt(e, fv(1.0f)), e, fv(1.0f));
             Iv idx = min_i(to_i(mul(ec, fv(1024.0f))), iv(1023));
             Iv p = gather_words<4>(ps.phong, idx, specular);
-            for (int k = 0; k < 3; k++) s[k] = add(s[k], and_(specular, srl(mul(p, lk[k]), 8)));
+            for (int k = 0; k < 3; k++) s[k] = add(s[k], keep(specular, srl(mul(p, lk[k]), 8)));
         }
     }
     for (int k = 0; k < 3; k++)
@@ -683,7 +692,7 @@ inline void map_point(const float* m, Fv x, Fv y, Fv z, Fv* out)
     Fv o[4];
     for (int k = 0; k < 4; k++)
         o[k] = add(add(add(mul(fv(m[k]), x), mul(fv(m[4 + k]), y)), mul(fv(m[8 + k]), z)), fv(m[12 + k]));
-    Iv one = f_eq(o[3], fv(1.0f));
+    Mk one = f_eq(o[3], fv(1.0f));
     Fv r = div(fv(1.0f), o[3]);
     for (int k = 0; k < 3; k++) out[k] = sel(one, o[k], mul(o[k], r));
 }
@@ -716,11 +725,11 @@ int RAY_PACKET_SETUP(const float* m, int W, int H, const int* dim, int n, const 
     Fv high[3];
     for (int a = 0; a < 3; a++) high[a] = fv(static_cast<float>(dim[a]));
     const Fv zero = zero_f(), eps = fv(RAY_PARALLEL_EPS);
-    Iv inside = ones();
+    Mk inside = all();
     for (int a = 0; a < 3; a++) inside = and_(inside, and_(f_le(zero, eye[a]), f_lt(eye[a], high[a])));
-    Iv miss = zero_i();
+    Mk miss = none();
     Fv t[3];
-    Iv up[3], down[3];
+    Mk up[3], down[3];
     const Dv inset = dv(RAY_ENTRY_INSET);
     for (int a = 0; a < 3; a++) {
         up[a] = f_gt(dir[a], eps);
@@ -730,7 +739,7 @@ int RAY_PACKET_SETUP(const float* m, int W, int H, const int* dim, int n, const 
         Dv to_low = add(sub(to_d(zero), pd), inset), to_high = sub(sub(to_d(high[a]), pd), inset);
         Dv gap = sel(up[a], to_low, to_high);
         Dv q = div(gap, dd);
-        Iv outside = or_(f_lt(eye[a], zero), f_gt(eye[a], high[a]));
+        Mk outside = or_(f_lt(eye[a], zero), f_gt(eye[a], high[a]));
         miss = or_(miss, andnot(or_(up[a], down[a]), outside));
         t[a] = sel(or_(up[a], down[a]), to_f(q), fv(RAY_ENTRY_NONE));
     }
@@ -740,7 +749,7 @@ int RAY_PACKET_SETUP(const float* m, int W, int H, const int* dim, int n, const 
     Fv start[3];
     for (int a = 0; a < 3; a++) {
         start[a] = add(eye[a], mul(tt, dir[a]));
-        miss = or_(miss, andnot(and_(f_le(zero, start[a]), f_lt(start[a], high[a])), ones()));
+        miss = or_(miss, andnot(and_(f_le(zero, start[a]), f_lt(start[a], high[a])), all()));
     }
     miss = andnot(inside, or_(miss, f_ge(tt, fv(RAY_MISS))));
     Fv entry = sel(inside, zero, tt);
@@ -817,8 +826,8 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
         if (run_flag(ps.run) == 0) break;
 
         /* The one-ray walk's leap: the near bound of the block the sample lies in (the voxel left). */
-        Iv leap = zero_any_tag(near, cut, r.active);
-        Iv smp = andnot(leap, r.active);
+        Mk leap = zero_any_tag(near, cut, r.active);
+        Mk smp = andnot(leap, r.active);
         /* Depth clip. */
         smp = andnot(f_gt(clip, add(mul(to_f(r.t_prev), fv(RAY_DDA_TO_LEN)), r.entry)), smp);
 
@@ -833,7 +842,7 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
 
             /* The sampler's bound: the block of the sample point, where every coordinate is >= 0 and inside. */
             Iv cell[3];
-            Iv bounded = smp;
+            Mk bounded = smp;
             Iv signs = or_(or_(bits(pos[0]), bits(pos[1])), bits(pos[2]));
             bounded = andnot(gt(iv(0), signs), bounded);
             for (int a = 0; a < 3; a++) {
@@ -841,7 +850,7 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
                 bounded = and_(bounded, below(cell[a], dim[a]));
             }
             Iv bs = block_of(L, cell);
-            Iv no_nan = bounded;
+            Mk no_nan = bounded;
             if (L.any_nan) {
                 Iv flags = bits(block_field(L, bs, 4, bounded));
                 no_nan = and_(bounded, gt(and_(flags, iv(RAY_BLOCK_NO_NAN)), iv(0)));
@@ -850,7 +859,7 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
             Fv own = sel(eq(bs, near_b), near_own, near);
             smp = andnot(zero_any_tag(own, cut, bounded), smp);
             /* Lanes whose magnitudes are all finite: a grey level at or below the cut makes their opacity 0. */
-            Iv finite = and_(bounded, f_lt(own, fv(INFINITY)));
+            Mk finite = and_(bounded, f_lt(own, fv(INFINITY)));
 
             int todo = any(smp);
             if (todo) {
@@ -879,7 +888,7 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
                 /* Opacity of colour modes 0 and 1. */
                 Fv alpha = mul(mul(clamp01(mul(fv(4.0f), val[RAY_CH_A])), w),
                                clamp01(mul(fv(5.0f), sub(val[RAY_CH_G], cut))));
-                Iv lit = and_(smp, f_ne(alpha, fv(0.0f)));
+                Mk lit = and_(smp, f_ne(alpha, fv(0.0f)));
                 if (any(lit)) {
                     /* Shading and front-to-back compositing. */
                     const Fv nrm[3] = {val[RAY_CH_X], val[RAY_CH_Y], val[RAY_CH_Z]};
@@ -887,9 +896,9 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
                     shade(ps, base, nrm, r.dir, lit, ch);
                     for (int k = 0; k < 3; k++)
                         r.col[k] = sel(lit, add(r.col[k], mul(mul(to_f(ch[k]), alpha), r.T)), r.col[k]);
-                    Fv keep = sub(fv(1.0f), alpha);
-                    keep = from_bits(and_(bits(keep), f_gt(keep, fv(0.0f))));
-                    r.T = sel(lit, mul(r.T, keep), r.T);
+                    Fv left = sub(fv(1.0f), alpha);
+                    left = sel(f_gt(left, fv(0.0f)), left, zero_f());
+                    r.T = sel(lit, mul(r.T, left), r.T);
                     /* Opaque enough. */
                     r.active = andnot(and_(lit, f_le(r.T, fv(RAY_OPAQUE))), r.active);
                 }
@@ -899,12 +908,12 @@ void RAY_PACKET_WALK(const Ray_Packet_Scene& ps, const Rays* rays, int n, unsign
         r.t_prev = sel(r.active, t, r.t_prev);
         near = near_of(next), near_own = own_of(next), near_b = next_b;
         /* Lanes in a macro block where every step is leaped cross it at once (their near bound stays below the cut). */
-        Iv empty = zero_any_tag(near, cut, r.active);
+        Mk empty = zero_any_tag(near, cut, r.active);
         if (any(empty)) {
             Fv macro = grey_bound(L.grey_macro, macro_of(L, r.vox), empty);
-            Iv across = zero_any_tag(macro, cut, empty);
+            Mk across = zero_any_tag(macro, cut, empty);
             if (any(across)) {
-                Iv moved = jump(r, dim, across);
+                Mk moved = jump(r, dim, across);
                 near = sel(moved, macro, near);
                 near_b = sel(moved, iv(-1), near_b);
             }
