@@ -19,8 +19,10 @@
 #include "core/ray_core.h"
 #include "cpu/ray_render_layout.h"
 
-/* The most rays a packet walks at once (Ray_Packet_Lanes_For: eight with AVX2, sixteen with AVX-512). */
-#define RAY_PACKET_LANES 16
+/* Rays a packet walks at once in each build, and the most of them. */
+#define RAY_PACKET_LANES_AVX2 8
+#define RAY_PACKET_LANES_AVX512 16
+#define RAY_PACKET_LANES RAY_PACKET_LANES_AVX512
 /* Pixels a worker casts per batch of tasks. */
 #define RAY_BATCH 32
 

@@ -31,7 +31,7 @@ namespace {
  * Sixteen lanes, one 512-bit register of floats or of 32-bit integers; a
  * lane mask is a mask register, a bit a lane.
  */
-const int LANES = 16;
+const int LANES = RAY_PACKET_LANES_AVX512;
 typedef __m512 Fv;
 typedef __m512i Iv;
 typedef __mmask16 Mk;
@@ -117,7 +117,7 @@ inline void pointers(const float* base, Iv index, const float** at)
 }
 #else
 /* Eight lanes, one 256-bit register of floats or of 32-bit integers; a lane mask is a lane all ones or all zeros. */
-const int LANES = 8;
+const int LANES = RAY_PACKET_LANES_AVX2;
 typedef __m256 Fv;
 typedef __m256i Iv;
 typedef __m256i Mk;

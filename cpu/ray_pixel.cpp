@@ -332,32 +332,22 @@ static int packet_kind(int kind)
     return RAY_PACKET_NONE;
 }
 
-Ray_Packet_Walk_Fn Ray_Packet_Walk_For(int kind)
-{
-    switch (packet_kind(kind)) {
-    case RAY_PACKET_AVX512: return &Ray_Packet_Walk_Avx512;
-    case RAY_PACKET_AVX2: return &Ray_Packet_Walk_Avx2;
-    default: return nullptr;
-    }
-}
+/* Each build's walk, set-up and lanes, by Ray_Packet_Kind. */
+static const struct {
+    Ray_Packet_Walk_Fn walk;
+    Ray_Packet_Setup_Fn setup;
+    int lanes;
+} k_packet_build[] = {
+    {nullptr, nullptr, 0},
+    {&Ray_Packet_Walk_Avx2, &Ray_Packet_Setup_Avx2, RAY_PACKET_LANES_AVX2},
+    {&Ray_Packet_Walk_Avx512, &Ray_Packet_Setup_Avx512, RAY_PACKET_LANES_AVX512},
+};
 
-Ray_Packet_Setup_Fn Ray_Packet_Setup_For(int kind)
-{
-    switch (packet_kind(kind)) {
-    case RAY_PACKET_AVX512: return &Ray_Packet_Setup_Avx512;
-    case RAY_PACKET_AVX2: return &Ray_Packet_Setup_Avx2;
-    default: return nullptr;
-    }
-}
+Ray_Packet_Walk_Fn Ray_Packet_Walk_For(int kind) { return k_packet_build[packet_kind(kind)].walk; }
 
-int Ray_Packet_Lanes_For(int kind)
-{
-    switch (packet_kind(kind)) {
-    case RAY_PACKET_AVX512: return 16;
-    case RAY_PACKET_AVX2: return 8;
-    default: return 0;
-    }
-}
+Ray_Packet_Setup_Fn Ray_Packet_Setup_For(int kind) { return k_packet_build[packet_kind(kind)].setup; }
+
+int Ray_Packet_Lanes_For(int kind) { return k_packet_build[packet_kind(kind)].lanes; }
 
 /*
  * Whether the packet walk computes the rays of scene sc: a render layout
