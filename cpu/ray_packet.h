@@ -38,7 +38,7 @@ struct Ray_Packet_Scene {
     int light_rgb[5][3];             /* channel bytes of the ambient light, then of those lights */
     float light_dir[5][3];           /* their directions (entry 0 unused) */
     const unsigned int* phong;       /* 1024 entries */
-    float spec_from;                 /* lanes whose e is below it find 0 in the table: (first entry not 0) / 1024 */
+    float specular_from;             /* lanes whose e is below it find 0 in the table: (first entry not 0) / 1024 */
     const std::atomic<int>* run;     /* the run flag, read once per step of the packet */
 };
 

@@ -674,7 +674,7 @@ void shade(const Ray_Packet_Scene& ps, Iv c, const Fv* n, const Fv* dir, Mk m, I
         for (int a = 0; a < 3; a++) R[a] = add(mul(mul(fv(2.0f), d), n[a]), L[a]);
         Fv e = sub(sub(neg(mul(R[1], dir[1])), mul(R[0], dir[0])), mul(R[2], dir[2]));
         /* Lanes whose index finds 0 in the table add nothing: left out. */
-        Mk specular = and_(and_(f_gt(e, fv(0.0f)), f_ge(e, fv(ps.spec_from))), m);
+        Mk specular = and_(and_(f_gt(e, fv(0.0f)), f_ge(e, fv(ps.specular_from))), m);
         if (any(specular)) {
             Fv ec = sel(f_lt(e, fv(1.0f)), e, fv(1.0f));
             Iv idx = min_i(to_i(mul(ec, fv(1024.0f))), iv(1023));

@@ -413,7 +413,7 @@ static void packet_scene(int slot, const Ray_Scene& sc, Ray_Packet_Scene* ps)
         ps->light_dir[n][2] = sc.light_dir_z[i * sc.light_stride];
     }
     ps->phong = sc.phong;
-    ps->spec_from = phong_from(sc.phong);
+    ps->specular_from = phong_from(sc.phong);
     ps->run = &Ray_Thread_Run;
 }
 
